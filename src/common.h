@@ -323,6 +323,7 @@ public:
             infile_.open(fname, mode);
             if (infile_.is_open()) {
                 infile_.clear();
+                position_ = infile_.tellg();
                 return;
             }
             last_errno = errno; // the sleep may overwrite it
@@ -337,7 +338,6 @@ public:
     {
         infile_.close();
         end_of_file_ = false;
-        bytes_read_ = 0;
     }
 
     // Reads up to `length` bytes into `buffer` and sets `length` to the count.
@@ -349,7 +349,7 @@ public:
         const bool complete = !infile_.fail();
         const std::streamsize count =
             likely(!infile_.bad()) ? infile_.gcount() : salvage(wanted);
-        bytes_read_ += count;
+        position_ += count;
         length = static_cast<size_t>(count);
         if (!complete)
             end_of_file_ = true;
@@ -364,12 +364,15 @@ public:
         infile_.clear();
         infile_.seekg(0);
         end_of_file_ = false;
-        bytes_read_ = 0;
+        position_ = 0;
     }
 
-    // Size in bytes, modulo 2^32; the read position stays where it was.
+    // Size in bytes, modulo 2^32, and 0 when nothing is open; the read position
+    // stays where it was.
     uint32_t file_size()
     {
+        if (!infile_.is_open())
+            return 0;
         const std::ios_base::iostate state = infile_.rdstate();
         infile_.clear();
         const auto position = infile_.tellg();
@@ -386,16 +389,18 @@ public:
         std::ostringstream rest;
         rest << infile_.rdbuf();
         content = rest.str();
-        bytes_read_ += static_cast<std::streamoff>(content.size());
+        position_ = infile_.tellg();
         end_of_file_ = true;
         return !content.empty();
     }
 
-    // Writes `content` at the current position of a file opened for output.
+    // Writes `content` at the current position of a file opened for output; false
+    // unless the system took all of it.
     bool write(std::string&& content)
     {
         const std::string text = std::move(content);
-        infile_.write(text.data(), static_cast<std::streamsize>(text.size()));
+        infile_.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
+        position_ = infile_.tellg();
         return infile_.good();
     }
 
@@ -405,9 +410,9 @@ protected:
     std::streamsize salvage(std::streamsize wanted)
     {
         infile_.clear();
-        const std::streamoff position = infile_.tellg();
+        const std::streamoff reached = infile_.tellg();
         infile_.setstate(std::ios_base::badbit);
-        return std::clamp<std::streamsize>(position - bytes_read_, 0, wanted);
+        return std::clamp<std::streamsize>(reached - position_, 0, wanted);
     }
 
     const int32_t open_tries_{5};
@@ -415,7 +420,7 @@ protected:
     std::fstream infile_;
     filename_t filename_;
     bool end_of_file_{false};
-    std::streamoff bytes_read_{0}; // since the last open or seek
+    std::streamoff position_{0}; // where the next read starts
 };
 
 // Where the payload of an Ethernet/IPv4 frame starts, from two bytes at fixed
@@ -572,7 +577,7 @@ protected:
             if (description != nullptr)
                 std::cout << description;
             else
-                std::cout.setstate(std::ios_base::badbit); // as a null text would
+                std::cout.setstate(std::ios_base::badbit); // as printing a null would
         }
         std::cout << ", snapshot lengthL: " << ::pcap_snapshot(pd_) << std::endl;
     }

@@ -35,7 +35,7 @@ public:
 class epoll_t {
 public:
     struct poll_entry_t {
-        fd_t fd; // retired_fd once removed
+        fd_t fd; // retired_fd once removed; written by the registering thread
         epoll_event ev;
         i_poll_events* events; // not owned
     };
@@ -46,7 +46,7 @@ public:
     {
         stop_poller();
         if (epoll_fd_ != retired_fd)
-            ::close(epoll_fd_);
+            (void)::close(epoll_fd_); // nothing is left to be written
         release_entries();
     }
 
@@ -73,6 +73,7 @@ public:
     {
         poll_entry_t* entry = entry_of(handle);
         control(EPOLL_CTL_DEL, entry);
+        // Release, for the acquire in watched_fd() on the worker.
         std::atomic_ref<fd_t>(entry->fd).store(retired_fd, std::memory_order_release);
     }
 
@@ -81,7 +82,8 @@ public:
     void set_pollout(handle_t handle) { change_interest(handle, EPOLLOUT, true); }
     void reset_pollout(handle_t handle) { change_interest(handle, EPOLLOUT, false); }
 
-    // Starts the worker under `name`; -1 when it runs already.
+    // Starts the worker under `name`; -1 when it runs already. Throws
+    // std::system_error when the system has no thread to give.
     int start_poller(const char* name)
     {
         if (worker_thread_.joinable())
@@ -101,7 +103,7 @@ public:
             worker_thread_.join();
     }
 
-    // The worker's body.
+    // Runs on the worker alone. A stop lets the batch at hand end first.
     void loop()
     {
         epoll_event events[MAX_IO_EVENTS];
@@ -189,18 +191,19 @@ private:
         }
     }
 
-    // Written by the owner, read by the worker between waits. It guards no data:
-    // starting and joining the thread order everything else.
+    // Release, for the worker's acquire between two waits: what the owner did
+    // before a stop is done for the worker too once it sees the stop.
     void set_running(bool running)
     {
         std::atomic_ref<bool>(keep_running_).store(running, std::memory_order_release);
     }
+    // Acquire, for the owner's release in set_running().
     bool is_running()
     {
         return std::atomic_ref<bool>(keep_running_).load(std::memory_order_acquire);
     }
 
-    bool keep_running_{false};
+    bool keep_running_{false}; // written by the owner, read by the worker
     epoll_fd_t epoll_fd_;
     std::thread worker_thread_;
     std::atomic<entry_node*> entries_{nullptr};

@@ -25,7 +25,7 @@ struct default_trait {
 // the consumer; one slot always stays empty, to tell a full ring from an empty
 // one. Each index is written by one side alone: its owner reads it relaxed, the
 // other side acquires what the owner's store released.
-template <typename T, typename Trait>
+template <class T, class Trait>
 class spsc_queue {
 public:
     using size_t = std::size_t;
@@ -90,6 +90,7 @@ public:
     T* frontPtr()
     {
         const uint32_t current = readIndex_.load(std::memory_order_relaxed);
+        // Acquire: the producer's release says that the element is there.
         if (current == writeIndex_.load(std::memory_order_acquire))
             return nullptr;
         return &records_[current];
@@ -100,10 +101,12 @@ public:
     {
         const uint32_t current = readIndex_.load(std::memory_order_relaxed);
         records_[current].~T();
+        // Release: the producer may build in the slot again.
         readIndex_.store(after(current), std::memory_order_release);
     }
 
-    // Either side. Snapshots: the other side may have moved on already.
+    // Either side. Snapshots: the other side may have moved on already. Acquire, for
+    // the release of whichever side wrote the index last.
     bool isEmpty() const
     {
         return readIndex_.load(std::memory_order_acquire) ==
@@ -124,6 +127,7 @@ public:
 private:
     uint32_t after(uint32_t index) const { return index + 1 == size_ ? 0 : index + 1; }
 
+    // The indices are 32 bits wide, and the product must not wrap.
     T* allocate(size_t size)
     {
         constexpr size_t MOST = std::min<size_t>(

@@ -56,11 +56,11 @@ inline replay_stats stats;
 
 namespace details {
 
-enum : uint64_t { MICROSECONDS = 1000000 };
+enum : int { MICROSECONDS_PER_SECOND = 1000000 };
 
 inline uint64_t to_microseconds(const timestamp_t& time)
 {
-    return static_cast<uint64_t>(time.tv_sec) * MICROSECONDS +
+    return static_cast<uint64_t>(time.tv_sec) * MICROSECONDS_PER_SECOND +
            static_cast<uint64_t>(time.tv_usec);
 }
 
@@ -110,16 +110,16 @@ public:
 
     // Main thread. Hands a message over; 0, or -1 with EAGAIN while the queue is
     // full or missing, and then an rvalue message is still the caller's.
-    template <class Message>
-    int32_t sendto(Message&& msg)
+    template <class message_t>
+    int32_t sendto(message_t&& msg)
     {
-        return push_msg_to_pipe(std::forward<Message>(msg));
+        return push_msg_to_pipe(std::forward<message_t>(msg));
     }
 
-    template <class Message>
-    int32_t push_msg_to_pipe(Message&& msg)
+    template <class message_t>
+    int32_t push_msg_to_pipe(message_t&& msg)
     {
-        if (queue_ != nullptr && queue_->enqueue(std::forward<Message>(msg)))
+        if (queue_ != nullptr && queue_->enqueue(std::forward<message_t>(msg)))
             return 0;
         errno = EAGAIN;
         return -1;
@@ -151,6 +151,7 @@ public:
         replay_assert(rc != -1);
     }
 
+    // Switches the option on; no caller has ever wanted it off.
     int32_t set_reuse_address(fd_t fd, bool)
     {
         return set_int_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);
@@ -169,9 +170,9 @@ public:
             const ssize_t sent = ::send(fd, data, length, 0);
             if (sent == static_cast<ssize_t>(length))
                 return 0;
-            if (sent < 0) {
-                if (sent != -1 || !is_transient(errno))
-                    return -1;
+            if (sent < -1 || (sent == -1 && !is_transient(errno)))
+                return -1;
+            if (sent == -1) {
                 replay_assert(length > 0);
                 continue;
             }
@@ -190,8 +191,8 @@ protected:
 
     // Takes one message, paces it and sends it by `send_once(data, length)`, one
     // system call. False when sending has failed for good.
-    template <class SendOnce>
-    bool send_next(fd_t fd, SendOnce send_once)
+    template <class send_once_t>
+    bool send_next(fd_t fd, send_once_t send_once)
     {
         data_t msg;
         if (pull_msg_from_pipe(msg) != 0)
@@ -248,7 +249,8 @@ protected:
     }
 
     // Sets stats.nap, or stats.skip_length when behind. The schedule runs from the
-    // previous send, not from `now`: time spent in between is not made up for.
+    // previous send and not from `now`, which is therefore unused: time spent in
+    // between is not made up for.
     void calc_sleep_time(uint64_t length, timestamp_t* /*now*/, uint64_t speed)
     {
         if (speed == 0)
@@ -281,8 +283,8 @@ protected:
         if (nap->tv_sec == 0 && nap->tv_nsec == 0)
             return;
         timeval deadline{now->tv_sec + nap->tv_sec, now->tv_usec + nap->tv_nsec / 1000};
-        if (deadline.tv_usec > 999999) {
-            deadline.tv_usec -= 1000000;
+        if (deadline.tv_usec >= details::MICROSECONDS_PER_SECOND) {
+            deadline.tv_usec -= details::MICROSECONDS_PER_SECOND;
             ++deadline.tv_sec;
         }
         while (details::is_before(*now, deadline)) {
@@ -298,7 +300,9 @@ protected:
     }
 
     uint64_t m_speed_{0}; // bits per second; 0: no limit
-    queue_ptr queue_;     // null until the engine can send
+    // Null until the engine can send. For TCP the poller thread sets it, and the
+    // main thread may look only after the wake-up has reached it.
+    queue_ptr queue_;
 };
 
 // Listens, and sends to the newest receiver that has connected. The main thread
@@ -417,7 +421,7 @@ public:
         for (fd_t* fd : {&listen_fd_, &conn_fd_}) {
             if (*fd == retired_fd)
                 continue;
-            ::close(*fd);
+            (void)::close(*fd); // what was sent is the kernel's already
             *fd = retired_fd;
         }
     }
@@ -471,6 +475,7 @@ protected:
 // poller thread. The poller must have stopped before the engine is destroyed.
 class udp_engine : public engine_base {
 public:
+    // A device has to come as a devname_t: a literal would pick the bool.
     udp_engine(std::weak_ptr<epoll_t> poller, bool send_enabled, devname_t devname)
         : poller_(std::move(poller)), send_enabled_(send_enabled),
           devname_(std::move(devname))
@@ -544,7 +549,7 @@ public:
     {
         if (sock_fd_ == retired_fd)
             return;
-        ::close(sock_fd_);
+        (void)::close(sock_fd_); // what was sent is the kernel's already
         sock_fd_ = retired_fd;
     }
 
@@ -557,6 +562,7 @@ public:
         return ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request));
     }
 
+    // Switches the option on; no caller has ever wanted it off.
     int32_t set_udp_reuse_port(fd_t fd, bool)
     {
         return set_int_option(fd, SOL_SOCKET, SO_REUSEPORT, 1);

@@ -63,6 +63,7 @@ inline void collect_files(
 inline void s_signal_handler(int /*signo*/) { details::set_running(false); }
 
 // A hang-up or a receiver that closes does not end the run; SIGINT and SIGTERM do.
+// None of these calls can fail for these signals.
 inline void s_catch_signals()
 {
     (void)::signal(SIGHUP, SIG_IGN);
@@ -71,7 +72,7 @@ inline void s_catch_signals()
     struct sigaction action = {};
     action.sa_handler = s_signal_handler;
     action.sa_flags = SA_SIGINFO;
-    ::sigemptyset(&action.sa_mask);
+    (void)::sigemptyset(&action.sa_mask);
     (void)::sigaction(SIGINT, &action, nullptr);
     (void)::sigaction(SIGTERM, &action, nullptr);
 }
@@ -139,7 +140,7 @@ public:
             handle_ = nullptr;
         }
         if (wakeup_fd_ != retired_fd) {
-            ::close(wakeup_fd_);
+            (void)::close(wakeup_fd_); // an eventfd has nothing to flush
             wakeup_fd_ = retired_fd;
         }
     }
@@ -148,12 +149,13 @@ public:
 
     // Main thread. Offers the message again and again, without a pause, until the
     // queue takes it. False when the run was stopped first; an rvalue message is
-    // then still the caller's.
-    template <class Message>
-    bool replay_internal(Message&& message)
+    // then still the caller's. Not before is_connected(): until then the poller
+    // thread may be making the queue.
+    template <class message_t>
+    bool replay_internal(message_t&& message)
     {
         while (details::is_running()) {
-            if (engine_->sendto(std::forward<Message>(message)) == 0)
+            if (engine_->sendto(std::forward<message_t>(message)) == 0)
                 return true;
         }
         return false;
@@ -161,7 +163,8 @@ public:
 
 protected:
     // What the poller knows of the replay. The derived constructors change the
-    // replay's own virtual table while the poller thread may already call.
+    // replay's own virtual table while the poller thread may already call, so a
+    // derived class cannot override these events.
     class wakeup_handler final : public i_poll_events {
     public:
         explicit wakeup_handler(replay_base& replay) : replay_(replay) {}
@@ -202,18 +205,18 @@ protected:
     // Runs `pass` until the passes are spent and then holds the run, with the
     // poller thread still sending, until it is stopped. 0 passes wrap around: as
     // good as no end. A stop requested before this is forgotten, by design.
-    template <class Pass>
-    void run_passes(uint32_t& passes_left, Pass pass)
+    template <class pass_t>
+    void run_passes(uint32_t& passes_left, pass_t pass)
     {
         details::set_running(true);
         while (details::is_running()) {
             if (!is_connected())
                 continue;
             pass();
-            if (--passes_left == 0) {
-                while (details::is_running()) {
-                }
-            }
+            if (--passes_left == 0)
+                break;
+        }
+        while (details::is_running()) {
         }
     }
 
@@ -232,7 +235,7 @@ protected:
     std::shared_ptr<epoll_t> poller_;
     std::shared_ptr<engine_base> engine_;
     handle_t handle_{nullptr};
-    bool is_connected_{false}; // set once by the poller thread, or at once for UDP
+    bool is_connected_{false}; // set by the poller thread, for UDP at once; main reads
     PROTOTYPE protocol_;
     devname_t devname_;
     wakeup_handler wakeup_handler_{*this};
