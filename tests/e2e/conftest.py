@@ -168,6 +168,20 @@ class Sender:
                 times[int(thread.name)] = int(run_time)
         return times
 
+    def threads(self):
+        """The main thread's number and the poller thread's. A thread with the
+        program's own name that is not the main one belongs to a sanitizer."""
+        names = {}
+        for thread in self.cpu_times():
+            names[thread] = (
+                pathlib.Path(f"/proc/{self.pid}/task/{thread}/comm").read_text()
+            )
+        return [t for t in names if t == self.pid or names[t] != names[self.pid]]
+
+    def poller(self):
+        (thread,) = set(self.threads()) - {self.pid}
+        return thread
+
     # Waiting.
 
     def wait_until(self, condition, what, deadline=DEADLINE):
@@ -211,7 +225,7 @@ class Sender:
         that had more to say would have said it.
         """
         start = self.cpu_times()
-        wanted = set(threads or start)
+        wanted = set(threads or self.threads())
         needed = milliseconds * 1_000_000
 
         def done():
