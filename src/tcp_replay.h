@@ -70,6 +70,8 @@ inline void s_catch_signals()
     (void)::signal(SIGPIPE, SIG_IGN);
 
     struct sigaction action = {};
+    // With this flag the kernel passes three arguments, of which the handler takes
+    // the first alone; the calling convention lets the others go unread.
     action.sa_handler = s_signal_handler;
     action.sa_flags = SA_SIGINFO;
     (void)::sigemptyset(&action.sa_mask);
