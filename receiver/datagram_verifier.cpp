@@ -1,0 +1,380 @@
+// See datagram_verifier.h.
+#include "datagram_verifier.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "meeting_point.h"
+
+namespace receiver {
+
+namespace {
+
+bool is_same(bytes_view left, bytes_view right)
+{
+    return left.size() == right.size() &&
+           std::equal(left.begin(), left.end(), right.begin());
+}
+
+fault of_datagram(fault_kind kind, uint64_t message, uint64_t arrival)
+{
+    fault found;
+    found.kind = kind;
+    found.message = message;
+    found.arrival = arrival;
+    return found;
+}
+
+} // namespace
+
+datagram_verifier::datagram_verifier(message_source& source, size_t window)
+    : window_(std::max<size_t>(window, 1)), ahead_(source)
+{
+    result_.attempted = true;
+}
+
+void datagram_verifier::arrived(bytes_view payload)
+{
+    ++arrivals_;
+    if (astray_.empty() && match_in_step(arrivals_, payload))
+        return;
+    astray_.push_back({arrivals_, key_of(payload), {payload.begin(), payload.end()}});
+    resolve(false);
+}
+
+bool datagram_verifier::complete()
+{
+    if (gave_some_up_)
+        return false;
+    if (!ahead_.has_due() && missing_.empty())
+        return true;
+    if (!astray_.empty())
+        ahead_.hold(astray_.size() + 1);
+    const bool more_to_read = ahead_.held() == 0 || !ahead_.source_ended();
+    if (ahead_.has_due() && more_to_read)
+        return false;
+
+    // What is astray has to hold all that is still missing.
+    boost::unordered_flat_map<datagram_key, size_t> arrived;
+    for (const datagram& each : astray_)
+        ++arrived[each.key];
+    const auto is_there = [&arrived](const datagram_key& key) {
+        const auto found = arrived.find(key);
+        return found != arrived.end() && found->second-- != 0;
+    };
+    for (size_t i = 0; i < ahead_.held(); ++i) {
+        if (!ahead_.at(i).arrived && !is_there(ahead_.at(i).key))
+            return false;
+    }
+    return std::all_of(missing_.begin(), missing_.end(), [&](const auto& missing) {
+        return is_there(missing.first);
+    });
+}
+
+verification datagram_verifier::finish(bool rest_is_due)
+{
+    resolve(true);
+    for (gap& place : gaps_)
+        close_gap(place);
+    gaps_.clear();
+    if (rest_is_due)
+        settle_rest();
+    if (!ahead_.has_due()) {
+        result_.expected_messages = ahead_.number() - 1;
+        result_.expected_bytes = ahead_.bytes_read();
+    }
+    result_.source_error = ahead_.error();
+    log_.finish(result_);
+    return std::move(result_);
+}
+
+// ---------------------------------------------------------- the step of both sides
+
+// True when the datagram is the message that is due, or one that came early and
+// now comes again.
+bool datagram_verifier::match_in_step(uint64_t arrival, bytes_view payload)
+{
+    while (ahead_.has_due()) {
+        const bool same = is_same(payload, ahead_.due());
+        if (ahead_.due_has_arrived()) {
+            if (same) {
+                log_.add_to_run(
+                    of_datagram(fault_kind::duplicated, ahead_.number(), arrival));
+                return true;
+            }
+            pass_due(ahead_.at(0).key, true);
+            continue;
+        }
+        if (!same)
+            return false;
+        note_match(ahead_.number(), arrival, payload.size());
+        pass_due(ahead_.held() != 0 ? ahead_.at(0).key : key_of(payload), true);
+        return true;
+    }
+    return false;
+}
+
+// The message that is due is settled: it has arrived, or it has not and may only
+// come late.
+void datagram_verifier::pass_due(const datagram_key& key, bool seen)
+{
+    passed_.push_back(key);
+    if (seen)
+        seen_.insert_or_assign(key, ahead_.number());
+    ahead_.next();
+    if (passed_.size() > window_) {
+        const uint64_t oldest = ahead_.number() - passed_.size();
+        const auto entry = seen_.find(passed_.front());
+        if (entry != seen_.end() && entry->second == oldest)
+            seen_.erase(entry);
+        passed_.pop_front();
+    }
+    expire_gaps();
+}
+
+void datagram_verifier::note_order(uint64_t number, uint64_t arrival)
+{
+    if (number < furthest_)
+        log_.add_to_run(of_datagram(fault_kind::reordered, number, arrival));
+    else
+        furthest_ = number;
+}
+
+void datagram_verifier::note_match(uint64_t number, uint64_t arrival, size_t size)
+{
+    ++result_.matched_messages;
+    result_.matched_bytes += size;
+    note_order(number, arrival);
+}
+
+// ------------------------------------------------------------------- out of step
+
+// Settles what is astray for as long as it can be told; in the end, all of it.
+void datagram_verifier::resolve(bool final)
+{
+    while (!astray_.empty()) {
+        if (!final && astray_.size() < next_try_)
+            return;
+        if (!settle_first(final))
+            return;
+        next_try_ = 0;
+        while (!astray_.empty() &&
+               match_in_step(astray_.front().arrival, astray_.front().payload))
+            astray_.pop_front();
+    }
+}
+
+// False when more has to arrive before it can be told.
+bool datagram_verifier::settle_first(bool final)
+{
+    const bool last_try =
+        final || astray_.size() >= std::max<size_t>(window_, 16) + ANCHOR;
+    ahead_.hold(last_try ? window_ + 1 : std::min(astray_.size(), window_) + 1);
+    if (!ahead_.has_due()) {
+        settle({astray_.size(), 0}); // surplus behind the end
+        return true;
+    }
+    bool certain = false;
+    const std::optional<part> apart = meeting(final, certain);
+    if (!certain && !last_try) {
+        const size_t step = astray_.size() < 64 ? 1 : astray_.size() / 4;
+        next_try_ = astray_.size() + step;
+        return false;
+    }
+    settle(apart ? *apart : first_part(final));
+    return true;
+}
+
+// How far both sides are apart, if they can be seen to meet again. It is certain
+// when no cheaper explanation can show up.
+std::optional<datagram_verifier::part> datagram_verifier::meeting(
+    bool final, bool& certain) const
+{
+    std::vector<uint64_t> received;
+    for (const datagram& each : astray_)
+        received.push_back(each.key.low);
+    std::vector<uint64_t> expected;
+    std::vector<size_t> places; // of these in ahead_: what came early is not awaited
+    for (size_t i = 0; i < ahead_.held(); ++i) {
+        if (ahead_.at(i).arrived)
+            continue;
+        expected.push_back(ahead_.at(i).key.low);
+        places.push_back(i);
+    }
+    places.push_back(ahead_.held());
+
+    const auto best = find_meeting_point<uint64_t>(received, expected, ANCHOR, certain);
+    if (certain || !final || !ahead_.source_ended()) {
+        if (!best)
+            return std::nullopt;
+        return part{best->received, places[best->expected]};
+    }
+    meeting_point end = common_end<uint64_t>(received, expected);
+    if (best && is_better(*best, end))
+        end = *best;
+    return part{end.received, places[end.expected]};
+}
+
+// Nothing shows where both sides meet. Then each datagram stands for the nearest
+// message of its key, up to the last one that has any; half of them, as the others
+// may belong to what follows.
+datagram_verifier::part datagram_verifier::first_part(bool final) const
+{
+    const size_t count = final ? astray_.size() : (astray_.size() + 1) / 2;
+    part apart{0, 0};
+    boost::unordered_flat_map<datagram_key, uint64_t> after; // used up to here
+    for (size_t i = 0; i < count; ++i) {
+        const datagram_key& key = astray_[i].key;
+        const auto place = ahead_.find(key, after[key] + 1);
+        if (!place)
+            continue;
+        after[key] = *place;
+        apart.received = i + 1;
+        apart.expected = std::max<size_t>(apart.expected, *place - ahead_.number() + 1);
+    }
+    if (apart.received == 0)
+        return {count, std::min(count, ahead_.held())};
+    return apart;
+}
+
+void datagram_verifier::settle(part apart)
+{
+    const std::vector<std::optional<uint64_t>> numbers = pair_by_key(apart);
+    gap place = pass_messages(apart.expected);
+    for (size_t i = 0; i < apart.received; ++i) {
+        datagram& each = astray_.front();
+        if (numbers[i]) {
+            note_match(*numbers[i], each.arrival, each.payload.size());
+        } else if (!settle_extra(each)) {
+            each.due = furthest_ + 1;
+            place.strangers.push_back(std::move(each));
+        }
+        astray_.pop_front();
+    }
+    keep_gap(std::move(place));
+}
+
+// For each datagram the message of its key within the part, if one is left.
+std::vector<std::optional<uint64_t>> datagram_verifier::pair_by_key(part apart)
+{
+    std::vector<std::optional<uint64_t>> numbers(apart.received);
+    for (size_t i = 0; i < apart.received; ++i) {
+        const auto place = ahead_.find(astray_[i].key, 0);
+        if (!place || *place - ahead_.number() >= apart.expected)
+            continue;
+        ahead_.at(*place - ahead_.number()).arrived = true;
+        numbers[i] = place;
+    }
+    return numbers;
+}
+
+// Goes on by so many messages; those that have not arrived are the gap.
+gap datagram_verifier::pass_messages(size_t count)
+{
+    gap place;
+    for (size_t i = 0; i < count; ++i) {
+        messages_ahead::message& due = ahead_.at(0);
+        const datagram_key key = due.key;
+        const bool seen = due.arrived;
+        if (!seen)
+            place.missing.push_back({ahead_.number(), key, std::move(due.payload)});
+        pass_due(key, seen);
+    }
+    return place;
+}
+
+// True when the datagram is late, a duplicate or early.
+bool datagram_verifier::settle_extra(const datagram& extra)
+{
+    if (take_late(extra))
+        return true;
+    const auto original = seen_.find(extra.key);
+    if (original != seen_.end()) {
+        log_.add_to_run(
+            of_datagram(fault_kind::duplicated, original->second, extra.arrival));
+        return true;
+    }
+    ahead_.hold(window_);
+    const auto place = ahead_.find(extra.key, 0);
+    if (!place)
+        return false;
+    ahead_.at(*place - ahead_.number()).arrived = true;
+    note_match(*place, extra.arrival, extra.payload.size());
+    return true;
+}
+
+bool datagram_verifier::take_late(const datagram& extra)
+{
+    const auto [begin, end] = missing_.equal_range(extra.key);
+    if (begin == end)
+        return false;
+    const auto oldest = std::min_element(
+        begin, end, [](const auto& a, const auto& b) { return a.second < b.second; });
+    const uint64_t number = oldest->second;
+    missing_.erase(oldest);
+
+    auto place = std::prev(std::upper_bound(
+        gaps_.begin(), gaps_.end(), number, [](uint64_t value, const gap& candidate) {
+            return value < candidate.missing.front().number;
+        }));
+    auto& missing = place->missing;
+    missing.erase(std::lower_bound(
+        missing.begin(), missing.end(), number,
+        [](const missing_message& each, uint64_t value) { return each.number < value; }));
+    if (missing.empty()) {
+        report_gap(*place, log_);
+        gaps_.erase(place);
+    }
+    seen_.insert_or_assign(extra.key, number);
+    note_match(number, extra.arrival, extra.payload.size());
+    return true;
+}
+
+// -------------------------------------------------------------------------- gaps
+
+void datagram_verifier::keep_gap(gap&& place)
+{
+    if (place.missing.empty()) {
+        report_gap(place, log_);
+        return;
+    }
+    for (missing_message& each : place.missing) {
+        missing_.emplace(each.key, each.number);
+        if (place.strangers.empty())
+            each.payload = {}; // nothing to compare it with
+    }
+    gaps_.push_back(std::move(place));
+}
+
+void datagram_verifier::expire_gaps()
+{
+    while (!gaps_.empty() &&
+           gaps_.front().missing.back().number + window_ < ahead_.number()) {
+        close_gap(gaps_.front());
+        gaps_.pop_front();
+    }
+}
+
+void datagram_verifier::close_gap(gap& place)
+{
+    for (const missing_message& each : place.missing) {
+        const auto [begin, end] = missing_.equal_range(each.key);
+        missing_.erase(std::find_if(begin, end, [&each](const auto& entry) {
+            return entry.second == each.number;
+        }));
+    }
+    gave_some_up_ = true;
+    report_gap(place, log_);
+}
+
+void datagram_verifier::settle_rest()
+{
+    while (ahead_.has_due()) {
+        if (!ahead_.due_has_arrived())
+            log_.add_to_run(of_datagram(fault_kind::lost, ahead_.number(), 0));
+        ahead_.next();
+    }
+}
+
+} // namespace receiver

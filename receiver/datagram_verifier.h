@@ -1,0 +1,101 @@
+// Compares datagrams with the messages of their source and names the differences.
+// Knows neither clock nor socket.
+#pragma once
+
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "datagram_key.h"
+#include "fault_log.h"
+#include "gap.h"
+#include "messages_ahead.h"
+#include "result.h"
+#include "source.h"
+
+namespace receiver {
+
+// In step, a datagram costs one comparison and one key. When one is not the message
+// that is due, datagrams and messages are kept until a few in a row show where both
+// sides meet again with the fewest left over. Left-over messages are lost, unless
+// they arrive later; left-over datagrams are late, early, duplicates, or altered
+// messages of the same place. One thread.
+class datagram_verifier {
+public:
+    // The source must outlive the verifier. Positions are searched `window`
+    // messages (at least 1) ahead of and behind the one that is due.
+    datagram_verifier(message_source& source, size_t window);
+
+    datagram_verifier(const datagram_verifier&) = delete;
+    datagram_verifier& operator=(const datagram_verifier&) = delete;
+
+    void arrived(bytes_view payload);
+
+    // Every message of the source has arrived.
+    bool complete();
+
+    // How many faults have been seen; a later arrival may still heal some.
+    uint64_t fault_count() const { return log_.fault_count() + gaps_.size(); }
+
+    // The result. What the source still has is lost only if `rest_is_due`, which
+    // an endless source must not be. To be called once, after the last datagram.
+    verification finish(bool rest_is_due);
+
+private:
+    enum : size_t { ANCHOR = 4 }; // messages in a row that show the step
+
+    // So many datagrams stand in the place of so many messages.
+    struct part {
+        size_t received;
+        size_t expected;
+    };
+
+    struct hash_of_key {
+        size_t operator()(const datagram_key& key) const { return key.low; }
+    };
+
+    // The step of both sides.
+    bool match_in_step(uint64_t arrival, bytes_view payload);
+    void pass_due(const datagram_key& key, bool seen);
+    void note_order(uint64_t number, uint64_t arrival);
+    void note_match(uint64_t number, uint64_t arrival, size_t size);
+
+    // Out of step.
+    void resolve(bool final);
+    bool settle_first(bool final);
+    std::optional<part> meeting(bool final, bool& certain) const;
+    part first_part(bool final) const;
+    void settle(part apart);
+    std::vector<std::optional<uint64_t>> pair_by_key(part apart);
+    gap pass_messages(size_t count);
+    bool settle_extra(const datagram& extra);
+    bool take_late(const datagram& extra);
+
+    // Gaps.
+    void keep_gap(gap&& place);
+    void expire_gaps();
+    void close_gap(gap& place);
+    void settle_rest();
+
+    const uint64_t window_;
+    messages_ahead ahead_;
+    uint64_t arrivals_{0};
+    uint64_t furthest_{0};        // the highest message that has arrived
+    std::deque<datagram> astray_; // received since both sides came apart
+    size_t next_try_{0};          // length of astray_ that is worth a search
+
+    // The latest messages that are settled, and where a key was last seen.
+    std::deque<datagram_key> passed_;
+    boost::unordered_flat_map<datagram_key, uint64_t> seen_;
+    std::deque<gap> gaps_; // in order of position
+    std::unordered_multimap<datagram_key, uint64_t, hash_of_key> missing_; // of gaps_
+    bool gave_some_up_{false}; // some missing message can no longer come late
+    fault_log log_;
+    verification result_;
+};
+
+} // namespace receiver

@@ -1,0 +1,384 @@
+// See stream_verifier.h.
+#include "stream_verifier.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "meeting_point.h"
+
+namespace receiver {
+
+namespace {
+
+bytes_view first_of(bytes_view bytes, size_t count)
+{
+    return bytes.first(std::min(count, bytes.size()));
+}
+
+std::vector<uint8_t> copy_of(bytes_view bytes) { return {bytes.begin(), bytes.end()}; }
+
+// A block that was cut out in front of bytes like its own first ones is seen from
+// the first difference on, so its content comes rotated.
+bool is_rotation(bytes_view block, bytes_view other)
+{
+    if (block.size() != other.size())
+        return false;
+    std::vector<uint8_t> twice = copy_of(other);
+    twice.insert(twice.end(), other.begin(), other.end());
+    return std::search(twice.begin(), twice.end(), block.begin(), block.end()) !=
+           twice.end();
+}
+
+} // namespace
+
+stream_verifier::stream_verifier(message_source& source) : source_(source)
+{
+    result_.attempted = true;
+    next_message();
+}
+
+std::span<const uint32_t> stream_verifier::arrived(bytes_view recent, size_t fresh)
+{
+    sizes_.clear();
+    received_ += fresh;
+    if (result_.gave_up) {
+        log_.add(fault_here(fault_kind::altered, fresh, {}));
+        return sizes_;
+    }
+    const bytes_view bytes = recent.last(fresh);
+    if (!astray_.empty()) {
+        astray_.insert(astray_.end(), bytes.begin(), bytes.end());
+        resolve(false);
+        return sizes_;
+    }
+    const size_t matched = match_in_step(bytes);
+    if (matched < fresh) {
+        leave_step(recent, matched, fresh);
+        resolve(false);
+    } else {
+        remember(recent, fresh);
+    }
+    return sizes_;
+}
+
+bool stream_verifier::complete() const
+{
+    if (!source_ended_ || result_.gave_up)
+        return false;
+    return astray_.size() + position_ >= (ahead_.empty() ? due_.size() : ahead_bytes_);
+}
+
+verification stream_verifier::finish(bool rest_is_due)
+{
+    sizes_.clear();
+    resolve(true);
+    if (rest_is_due && !result_.gave_up)
+        settle_truncated();
+    for (lost_block& block : lost_blocks_)
+        log_.add(std::move(block.found));
+    lost_blocks_.clear();
+    if (source_ended_ && due().empty()) {
+        result_.expected_messages = message_ - 1;
+        result_.expected_bytes = offset_;
+    }
+    result_.source_error = source_.error();
+    log_.finish(result_);
+    return std::move(result_);
+}
+
+// ------------------------------------------------------------ the source's side
+
+bytes_view stream_verifier::due() const
+{
+    return (ahead_.empty() ? due_ : bytes_view(ahead_.front())).subspan(position_);
+}
+
+void stream_verifier::next_message()
+{
+    position_ = 0;
+    unharmed_ = true;
+    ++message_;
+    if (!ahead_.empty()) {
+        ahead_bytes_ -= ahead_.front().size();
+        ahead_.pop_front();
+        if (!ahead_.empty())
+            return;
+    }
+    (void)read_source(due_); // source_ended_ tells
+}
+
+// The next message that has bytes.
+bool stream_verifier::read_source(bytes_view& message)
+{
+    message = {};
+    while (!source_ended_ && message.empty())
+        source_ended_ = !source_.next(message);
+    if (source_ended_)
+        message = {};
+    return !source_ended_;
+}
+
+// Makes sure that so many bytes behind the one that is due are held, or all there
+// are.
+void stream_verifier::look_ahead(size_t bytes)
+{
+    if (ahead_.empty() && !due_.empty()) {
+        ahead_bytes_ = due_.size();
+        ahead_.push_back(copy_of(due_));
+    }
+    bytes_view message;
+    while (ahead_bytes_ < position_ + bytes && read_source(message)) {
+        ahead_bytes_ += message.size();
+        ahead_.push_back(copy_of(message));
+    }
+}
+
+std::vector<uint8_t> stream_verifier::expected_ahead(size_t bytes) const
+{
+    std::vector<uint8_t> expected;
+    size_t skipped = position_;
+    for (const std::vector<uint8_t>& message : ahead_) {
+        if (expected.size() >= bytes)
+            break;
+        const bytes_view part = bytes_view(message).subspan(skipped);
+        const bytes_view taken = first_of(part, bytes - expected.size());
+        expected.insert(expected.end(), taken.begin(), taken.end());
+        skipped = 0;
+    }
+    return expected;
+}
+
+// Passes bytes of the source that did not arrive as they are. A message counts as
+// arrived when its last byte did, in whatever shape.
+void stream_verifier::step_over(size_t bytes, bool arrived)
+{
+    offset_ += bytes;
+    while (bytes != 0) {
+        const size_t count = std::min(bytes, due().size());
+        unharmed_ = false;
+        position_ += count;
+        bytes -= count;
+        if (!due().empty())
+            continue;
+        if (arrived)
+            sizes_.push_back(static_cast<uint32_t>(position_));
+        next_message();
+    }
+}
+
+// ------------------------------------------------------------ the received side
+
+// How many bytes are as expected.
+size_t stream_verifier::match_in_step(bytes_view bytes)
+{
+    size_t matched = 0;
+    while (matched < bytes.size()) {
+        const bytes_view wanted = first_of(due(), bytes.size() - matched);
+        if (wanted.empty())
+            break;
+        const uint8_t* here = bytes.data() + matched;
+        size_t count = wanted.size();
+        if (std::memcmp(wanted.data(), here, count) != 0)
+            count = static_cast<size_t>(
+                std::mismatch(wanted.begin(), wanted.end(), here).first - wanted.begin());
+        matched += count;
+        position_ += count;
+        if (!due().empty()) {
+            if (count < wanted.size())
+                break;
+            continue;
+        }
+        sizes_.push_back(static_cast<uint32_t>(position_));
+        if (unharmed_)
+            ++result_.matched_messages;
+        next_message();
+    }
+    offset_ += matched;
+    result_.matched_bytes += matched;
+    return matched;
+}
+
+// Nothing to do while the caller keeps what came before.
+void stream_verifier::remember(bytes_view recent, size_t fresh)
+{
+    if (recent.size() >= KEPT_HISTORY + fresh || recent.size() >= received_) {
+        history_.clear();
+        return;
+    }
+    remember_consumed(recent.last(fresh));
+}
+
+void stream_verifier::remember_consumed(bytes_view bytes)
+{
+    if (bytes.size() >= KEPT_HISTORY) {
+        history_ = copy_of(bytes.last(KEPT_HISTORY));
+        return;
+    }
+    const size_t surplus =
+        history_.size() - std::min<size_t>(history_.size(), KEPT_HISTORY - bytes.size());
+    history_.erase(history_.begin(), history_.begin() + static_cast<ptrdiff_t>(surplus));
+    history_.insert(history_.end(), bytes.begin(), bytes.end());
+}
+
+void stream_verifier::leave_step(bytes_view recent, size_t matched, size_t fresh)
+{
+    const size_t before = recent.size() - fresh;
+    const bytes_view in_step = recent.first(before + matched);
+    // What the caller has kept is at least what the verifier has, or it begins where
+    // the verifier's history ends.
+    const bool overlaps = before >= history_.size();
+    if (overlaps)
+        history_.clear();
+    remember_consumed(overlaps ? in_step : in_step.last(matched));
+    astray_ = copy_of(recent.last(fresh - matched));
+    next_try_ = 0;
+}
+
+// Settles faults for as long as they can be told; in the end, all of them.
+void stream_verifier::resolve(bool final)
+{
+    while (!astray_.empty() && !result_.gave_up) {
+        if (!final && astray_.size() < next_try_)
+            return;
+        if (!settle_first(final))
+            return;
+        next_try_ = 0;
+        const size_t matched = match_in_step(astray_);
+        remember_consumed(first_of(astray_, matched));
+        astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(matched));
+    }
+}
+
+// False when more has to arrive before the first fault can be told.
+bool stream_verifier::settle_first(bool final)
+{
+    const bool last_try = final || astray_.size() >= LOOK_AHEAD;
+    // One byte more than has arrived shows whether the source has ended.
+    const size_t wanted = last_try ? size_t{LOOK_AHEAD} : astray_.size() + 1;
+    look_ahead(wanted);
+    const std::vector<uint8_t> ahead = expected_ahead(wanted);
+    const bytes_view received = astray_;
+    const bytes_view expected = ahead;
+
+    bool certain = false;
+    auto best = find_meeting_point(received, expected, ANCHOR, certain);
+    if (!certain && !last_try) {
+        next_try_ = received.size() + std::max<size_t>(ANCHOR, received.size() / 4);
+        return false;
+    }
+    if (final && !certain) {
+        meeting_point end = common_end(received, expected);
+        if (!source_ended_ ||
+            expected.size() < ahead_bytes_ - std::min(ahead_bytes_, position_)) {
+            // The stream stops in the middle: up to there, byte stands for byte.
+            const meeting_point even =
+                common_end(received, first_of(expected, received.size()));
+            end = {even.received, even.expected};
+        }
+        if (!best || is_better(end, *best))
+            best = end;
+    }
+    if (!best) {
+        give_up();
+        return true;
+    }
+    settle(best->received, best->expected, expected);
+    return true;
+}
+
+void stream_verifier::give_up()
+{
+    const std::vector<uint8_t> ahead = expected_ahead(EXCERPT);
+    log_.add(fault_here(fault_kind::altered, astray_.size(), ahead));
+    result_.gave_up = true;
+    astray_.clear();
+}
+
+// ------------------------------------------------------------------------ faults
+
+fault stream_verifier::fault_here(
+    fault_kind kind, size_t length, bytes_view expected) const
+{
+    fault found;
+    found.kind = kind;
+    found.message = message_;
+    found.offset = offset_;
+    found.offset_in_message = position_;
+    found.length = length;
+    found.expected = copy_of(first_of(expected, EXCERPT));
+    found.received = copy_of(first_of(astray_, EXCERPT));
+    return found;
+}
+
+// `received` bytes stand in the place of `expected` ones, the first of `ahead`.
+void stream_verifier::settle(size_t received, size_t expected, bytes_view ahead)
+{
+    const size_t altered = std::min(received, expected);
+    if (altered != 0) {
+        log_.add(fault_here(fault_kind::altered, altered, ahead));
+        step_over(altered, true);
+        remember_consumed(first_of(astray_, altered));
+        astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(altered));
+        ahead = ahead.subspan(altered);
+    }
+    if (expected > altered)
+        settle_lost(expected - altered, ahead);
+    if (received > altered)
+        settle_surplus(received - altered, ahead);
+}
+
+void stream_verifier::settle_lost(size_t length, bytes_view ahead)
+{
+    if (lost_blocks_.size() == LOST_BLOCKS) {
+        log_.add(std::move(lost_blocks_.front().found));
+        lost_blocks_.pop_front();
+    }
+    lost_blocks_.push_back(
+        {fault_here(fault_kind::lost, length, ahead), copy_of(ahead.first(length))});
+    step_over(length, false);
+}
+
+void stream_verifier::settle_surplus(size_t length, bytes_view ahead)
+{
+    const bytes_view surplus = first_of(astray_, length);
+    const bool repeats =
+        history_.size() >= length && std::equal(
+                                         surplus.begin(), surplus.end(),
+                                         history_.end() - static_cast<ptrdiff_t>(length));
+    if (repeats || !take_lost_block(surplus))
+        log_.add(fault_here(
+            repeats ? fault_kind::duplicated : fault_kind::unexpected, length, ahead));
+    remember_consumed(surplus);
+    astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(length));
+}
+
+// The surplus is what was missing before: one fault of another kind, in the place
+// where it was missing.
+bool stream_verifier::take_lost_block(bytes_view surplus)
+{
+    const auto block = std::find_if(
+        lost_blocks_.begin(), lost_blocks_.end(),
+        [&](const lost_block& lost) { return is_rotation(lost.content, surplus); });
+    if (block == lost_blocks_.end())
+        return false;
+    block->found.kind = fault_kind::reordered;
+    log_.add(std::move(block->found));
+    lost_blocks_.erase(block);
+    return true;
+}
+
+void stream_verifier::settle_truncated()
+{
+    look_ahead(EXCERPT);
+    fault missing = fault_here(fault_kind::truncated, 0, expected_ahead(EXCERPT));
+    while (!due().empty()) {
+        missing.length += due().size();
+        step_over(due().size(), false);
+    }
+    if (missing.length != 0)
+        log_.add(std::move(missing));
+}
+
+} // namespace receiver

@@ -1,0 +1,74 @@
+// See tcp_transport.h.
+#include "tcp_transport.h"
+
+#include <ctime>
+#include <utility>
+
+namespace receiver {
+
+namespace {
+
+// A read this long was worth its system call.
+constexpr size_t LONG_READ = 128 * 1024;
+
+uint64_t stamp_ns()
+{
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 +
+           static_cast<uint64_t>(now.tv_nsec);
+}
+
+} // namespace
+
+tcp_transport::tcp_transport(
+    tcp_input& input, message_source* source, kept_file<data_writer> kept)
+    : input_(input), kept_(std::move(kept))
+{
+    if (source != nullptr)
+        verifier_.emplace(*source);
+}
+
+transport::taken tcp_transport::take(measure& measured, const run_end& end)
+{
+    switch (input_.receive(end.bytes_left(measured.bytes()))) {
+    case tcp_input::state::closed:
+        return taken::closed;
+    case tcp_input::state::nothing:
+        return taken::nothing;
+    case tcp_input::state::data:
+        break;
+    }
+    const uint64_t now = stamp_ns();
+    const size_t fresh = input_.fresh();
+    kept_.write([&](data_writer& file) { file.write(input_.recent().last(fresh)); });
+    if (verifier_) {
+        measured.bytes_arrived(now, fresh);
+        for (const uint32_t size : verifier_->arrived(input_.recent(), fresh))
+            measured.message_complete(now, size);
+    } else {
+        measured.arrived(now, fresh);
+    }
+    if (end.limit(measured.messages(), measured.bytes()))
+        return taken::limit;
+    return fresh < LONG_READ ? taken::little : taken::data;
+}
+
+uint64_t tcp_transport::fault_count() const
+{
+    return verifier_ ? verifier_->fault_count() : 0;
+}
+
+void tcp_transport::finish(run_result& result, bool rest_is_due)
+{
+    if (verifier_)
+        result.verified = verifier_->finish(rest_is_due);
+    else
+        result.measured.framed = false;
+    if (!input_.error().empty())
+        result.problems.push_back(input_.error());
+    kept_.finish(result);
+    result.buffer_granted = receive_buffer(input_.fd());
+}
+
+} // namespace receiver
