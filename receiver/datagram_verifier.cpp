@@ -40,12 +40,12 @@ void datagram_verifier::arrived(bytes_view payload)
     if (astray_.empty() && match_in_step(arrivals_, payload))
         return;
     astray_.push_back({arrivals_, key_of(payload), {payload.begin(), payload.end()}});
-    resolve(false);
+    resolve(outlook::open);
 }
 
 bool datagram_verifier::complete()
 {
-    if (gave_some_up_)
+    if (lost_some_)
         return false;
     if (!ahead_.has_due() && missing_.empty())
         return true;
@@ -67,19 +67,23 @@ bool datagram_verifier::complete()
         if (!ahead_.at(i).arrived && !is_there(ahead_.at(i).key))
             return false;
     }
-    return std::all_of(missing_.begin(), missing_.end(), [&](const auto& missing) {
-        return is_there(missing.first);
+    return std::all_of(gaps_.begin(), gaps_.end(), [&](const gap& missing) {
+        return is_covered(strangers_, missing) ||
+               std::all_of(missing.begin(), missing.end(), [&](const auto& each) {
+                   return is_there(each.key);
+               });
     });
 }
 
 verification datagram_verifier::finish(bool rest_is_due)
 {
-    resolve(true);
-    for (gap& place : gaps_)
-        close_gap(place);
-    gaps_.clear();
+    resolve(rest_is_due ? outlook::closed : outlook::cut_off);
     if (rest_is_due)
         settle_rest();
+    for (gap& missing : gaps_)
+        close_gap(missing);
+    gaps_.clear();
+    report_strangers();
     if (!ahead_.has_due()) {
         result_.expected_messages = ahead_.number() - 1;
         result_.expected_bytes = ahead_.bytes_read();
@@ -110,6 +114,7 @@ bool datagram_verifier::match_in_step(uint64_t arrival, bytes_view payload)
             return false;
         note_match(ahead_.number(), arrival, payload.size());
         pass_due(ahead_.held() != 0 ? ahead_.at(0).key : key_of(payload), true);
+        expire();
         return true;
     }
     return false;
@@ -123,14 +128,24 @@ void datagram_verifier::pass_due(const datagram_key& key, bool seen)
     if (seen)
         seen_.insert_or_assign(key, ahead_.number());
     ahead_.next();
-    if (passed_.size() > window_) {
+}
+
+// Forgets what is out of the window.
+void datagram_verifier::expire()
+{
+    while (passed_.size() > window_) {
         const uint64_t oldest = ahead_.number() - passed_.size();
         const auto entry = seen_.find(passed_.front());
         if (entry != seen_.end() && entry->second == oldest)
             seen_.erase(entry);
         passed_.pop_front();
     }
-    expire_gaps();
+    while (!gaps_.empty() && gaps_.front().back().number + window_ < ahead_.number()) {
+        close_gap(gaps_.front());
+        gaps_.pop_front();
+    }
+    if (!strangers_.empty())
+        report_strangers();
 }
 
 void datagram_verifier::note_order(uint64_t number, uint64_t arrival)
@@ -151,14 +166,15 @@ void datagram_verifier::note_match(uint64_t number, uint64_t arrival, size_t siz
 // ------------------------------------------------------------------- out of step
 
 // Settles what is astray for as long as it can be told; in the end, all of it.
-void datagram_verifier::resolve(bool final)
+void datagram_verifier::resolve(outlook after)
 {
     while (!astray_.empty()) {
-        if (!final && astray_.size() < next_try_)
+        if (after == outlook::open && astray_.size() < next_try_)
             return;
-        if (!settle_first(final))
+        if (!settle_first(after))
             return;
         next_try_ = 0;
+        expire();
         while (!astray_.empty() &&
                match_in_step(astray_.front().arrival, astray_.front().payload))
             astray_.pop_front();
@@ -166,30 +182,31 @@ void datagram_verifier::resolve(bool final)
 }
 
 // False when more has to arrive before it can be told.
-bool datagram_verifier::settle_first(bool final)
+bool datagram_verifier::settle_first(outlook after)
 {
-    const bool last_try =
-        final || astray_.size() >= std::max<size_t>(window_, 16) + ANCHOR;
-    ahead_.hold(last_try ? window_ + 1 : std::min(astray_.size(), window_) + 1);
+    const bool last_try = after != outlook::open ||
+                          astray_.size() >= std::max<size_t>(window_, 16) + ANCHOR;
+    ahead_.hold(
+        ANCHOR + (last_try ? window_ : std::min<uint64_t>(astray_.size(), window_)));
     if (!ahead_.has_due()) {
         settle({astray_.size(), 0}); // surplus behind the end
         return true;
     }
     bool certain = false;
-    const std::optional<part> apart = meeting(final, certain);
+    const std::optional<part> apart = meeting(after, certain);
     if (!certain && !last_try) {
         const size_t step = astray_.size() < 64 ? 1 : astray_.size() / 4;
         next_try_ = astray_.size() + step;
         return false;
     }
-    settle(apart ? *apart : first_part(final));
+    settle(apart ? *apart : first_part(after));
     return true;
 }
 
 // How far both sides are apart, if they can be seen to meet again. It is certain
 // when no cheaper explanation can show up.
 std::optional<datagram_verifier::part> datagram_verifier::meeting(
-    bool final, bool& certain) const
+    outlook after, bool& certain) const
 {
     std::vector<uint64_t> received;
     for (const datagram& each : astray_)
@@ -204,32 +221,57 @@ std::optional<datagram_verifier::part> datagram_verifier::meeting(
     }
     places.push_back(ahead_.held());
 
-    const auto best = find_meeting_point<uint64_t>(received, expected, ANCHOR, certain);
-    if (certain || !final || !ahead_.source_ended()) {
-        if (!best)
-            return std::nullopt;
-        return part{best->received, places[best->expected]};
+    auto best = find_meeting_point<uint64_t>(received, expected, ANCHOR, certain);
+    if (best && stands_for_others({best->received, best->expected}, expected))
+        best->expected = best->received;
+    if (!certain && after == outlook::closed && ahead_.source_ended()) {
+        const meeting_point end = common_end<uint64_t>(received, expected);
+        if (!best || is_better(end, *best))
+            best = end;
     }
-    meeting_point end = common_end<uint64_t>(received, expected);
-    if (best && is_better(*best, end))
-        end = *best;
-    return part{end.received, places[end.expected]};
+    if (!best)
+        return std::nullopt;
+    return part{best->received, places[best->expected]};
+}
+
+// Among equal messages an altered one looks like one too many. Strangers do not come
+// from nowhere as a rule, so they stand for messages where that fits as well.
+bool datagram_verifier::stands_for_others(
+    part apart, const std::vector<uint64_t>& expected) const
+{
+    if (apart.received <= apart.expected || apart.received + ANCHOR > expected.size())
+        return false;
+    for (size_t i = apart.received; i < apart.received + ANCHOR; ++i) {
+        if (astray_[i].key.low != expected[i])
+            return false;
+    }
+    return std::all_of(
+        astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(apart.received),
+        [this](const datagram& each) { return is_stranger(each.key); });
+}
+
+// Neither a message ahead nor one of the latest ones.
+bool datagram_verifier::is_stranger(const datagram_key& key) const
+{
+    return !ahead_.find(key, 0) && !ahead_.find_arrived(key) && !seen_.contains(key) &&
+           !missing_.contains(key);
 }
 
 // Nothing shows where both sides meet. Then each datagram stands for the nearest
 // message of its key, up to the last one that has any; half of them, as the others
 // may belong to what follows.
-datagram_verifier::part datagram_verifier::first_part(bool final) const
+datagram_verifier::part datagram_verifier::first_part(outlook after) const
 {
-    const size_t count = final ? astray_.size() : (astray_.size() + 1) / 2;
+    const size_t count =
+        after != outlook::open ? astray_.size() : (astray_.size() + 1) / 2;
     part apart{0, 0};
-    boost::unordered_flat_map<datagram_key, uint64_t> after; // used up to here
+    boost::unordered_flat_map<datagram_key, uint64_t> used; // up to this number
     for (size_t i = 0; i < count; ++i) {
-        const datagram_key& key = astray_[i].key;
-        const auto place = ahead_.find(key, after[key] + 1);
+        uint64_t& latest = used[astray_[i].key];
+        const auto place = ahead_.find(astray_[i].key, latest + 1);
         if (!place)
             continue;
-        after[key] = *place;
+        latest = *place;
         apart.received = i + 1;
         apart.expected = std::max<size_t>(apart.expected, *place - ahead_.number() + 1);
     }
@@ -241,18 +283,24 @@ datagram_verifier::part datagram_verifier::first_part(bool final) const
 void datagram_verifier::settle(part apart)
 {
     const std::vector<std::optional<uint64_t>> numbers = pair_by_key(apart);
-    gap place = pass_messages(apart.expected);
+    gap missing = pass_messages(apart.expected);
+    size_t placed = strangers_.size(); // up to here their places have an end
     for (size_t i = 0; i < apart.received; ++i) {
         datagram& each = astray_.front();
+        const uint64_t before = furthest_;
         if (numbers[i]) {
             note_match(*numbers[i], each.arrival, each.payload.size());
         } else if (!settle_extra(each)) {
             each.due = furthest_ + 1;
-            place.strangers.push_back(std::move(each));
+            strangers_.push_back(std::move(each));
         }
+        for (; furthest_ != before && placed < strangers_.size(); ++placed)
+            strangers_[placed].next = furthest_;
         astray_.pop_front();
     }
-    keep_gap(std::move(place));
+    for (; placed < strangers_.size(); ++placed)
+        strangers_[placed].next = std::max(ahead_.number(), strangers_[placed].due);
+    keep_gap(std::move(missing));
 }
 
 // For each datagram the message of its key within the part, if one is left.
@@ -272,16 +320,16 @@ std::vector<std::optional<uint64_t>> datagram_verifier::pair_by_key(part apart)
 // Goes on by so many messages; those that have not arrived are the gap.
 gap datagram_verifier::pass_messages(size_t count)
 {
-    gap place;
+    gap missing;
     for (size_t i = 0; i < count; ++i) {
         messages_ahead::message& due = ahead_.at(0);
         const datagram_key key = due.key;
         const bool seen = due.arrived;
         if (!seen)
-            place.missing.push_back({ahead_.number(), key, std::move(due.payload)});
+            missing.push_back({ahead_.number(), key, std::move(due.payload)});
         pass_due(key, seen);
     }
-    return place;
+    return missing;
 }
 
 // True when the datagram is late, a duplicate or early.
@@ -296,6 +344,10 @@ bool datagram_verifier::settle_extra(const datagram& extra)
         return true;
     }
     ahead_.hold(window_);
+    if (const auto early = ahead_.find_arrived(extra.key)) {
+        log_.add_to_run(of_datagram(fault_kind::duplicated, *early, extra.arrival));
+        return true;
+    }
     const auto place = ahead_.find(extra.key, 0);
     if (!place)
         return false;
@@ -314,66 +366,66 @@ bool datagram_verifier::take_late(const datagram& extra)
     const uint64_t number = oldest->second;
     missing_.erase(oldest);
 
-    auto place = std::prev(std::upper_bound(
+    const auto place = std::prev(std::upper_bound(
         gaps_.begin(), gaps_.end(), number, [](uint64_t value, const gap& candidate) {
-            return value < candidate.missing.front().number;
+            return value < candidate.front().number;
         }));
-    auto& missing = place->missing;
-    missing.erase(std::lower_bound(
-        missing.begin(), missing.end(), number,
+    place->erase(std::lower_bound(
+        place->begin(), place->end(), number,
         [](const missing_message& each, uint64_t value) { return each.number < value; }));
-    if (missing.empty()) {
-        report_gap(*place, log_);
+    if (place->empty())
         gaps_.erase(place);
-    }
     seen_.insert_or_assign(extra.key, number);
     note_match(number, extra.arrival, extra.payload.size());
     return true;
 }
 
-// -------------------------------------------------------------------------- gaps
+// ----------------------------------------------------------------- what is missing
 
-void datagram_verifier::keep_gap(gap&& place)
+void datagram_verifier::keep_gap(gap&& missing)
 {
-    if (place.missing.empty()) {
-        report_gap(place, log_);
+    if (missing.empty())
         return;
-    }
-    for (missing_message& each : place.missing) {
+    for (const missing_message& each : missing)
         missing_.emplace(each.key, each.number);
-        if (place.strangers.empty())
-            each.payload = {}; // nothing to compare it with
-    }
-    gaps_.push_back(std::move(place));
+    gaps_.push_back(std::move(missing));
 }
 
-void datagram_verifier::expire_gaps()
+void datagram_verifier::close_gap(gap& missing)
 {
-    while (!gaps_.empty() &&
-           gaps_.front().missing.back().number + window_ < ahead_.number()) {
-        close_gap(gaps_.front());
-        gaps_.pop_front();
-    }
-}
-
-void datagram_verifier::close_gap(gap& place)
-{
-    for (const missing_message& each : place.missing) {
+    for (const missing_message& each : missing) {
         const auto [begin, end] = missing_.equal_range(each.key);
         missing_.erase(std::find_if(begin, end, [&each](const auto& entry) {
             return entry.second == each.number;
         }));
     }
-    gave_some_up_ = true;
-    report_gap(place, log_);
+    if (report_gap(missing, strangers_, log_) != 0)
+        lost_some_ = true;
 }
 
+// Those of whose place nothing is missing, nor can be later.
+void datagram_verifier::report_strangers()
+{
+    const uint64_t settled =
+        gaps_.empty() ? ahead_.number() : gaps_.front().front().number;
+    const auto belongs_nowhere = [settled](const datagram& stranger) {
+        return stranger.next <= settled;
+    };
+    for (const datagram& stranger : strangers_) {
+        if (belongs_nowhere(stranger))
+            report_stranger(stranger, log_);
+    }
+    std::erase_if(strangers_, belongs_nowhere);
+}
+
+// All that the source still has is missing. A part at a time, so that it need not
+// be held as a whole.
 void datagram_verifier::settle_rest()
 {
     while (ahead_.has_due()) {
-        if (!ahead_.due_has_arrived())
-            log_.add_to_run(of_datagram(fault_kind::lost, ahead_.number(), 0));
-        ahead_.next();
+        ahead_.hold(window_);
+        keep_gap(pass_messages(ahead_.held()));
+        expire();
     }
 }
 

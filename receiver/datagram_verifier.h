@@ -65,20 +65,28 @@ private:
     void note_match(uint64_t number, uint64_t arrival, size_t size);
 
     // Out of step.
-    void resolve(bool final);
-    bool settle_first(bool final);
-    std::optional<part> meeting(bool final, bool& certain) const;
-    part first_part(bool final) const;
+    enum class outlook {
+        open,   // more may arrive
+        closed, // nothing more arrives, and all of the source is due
+        cut_off // nothing more arrives, and nothing more is due
+    };
+    void resolve(outlook after);
+    bool settle_first(outlook after);
+    std::optional<part> meeting(outlook after, bool& certain) const;
+    bool stands_for_others(part apart, const std::vector<uint64_t>& expected) const;
+    bool is_stranger(const datagram_key& key) const;
+    part first_part(outlook after) const;
     void settle(part apart);
     std::vector<std::optional<uint64_t>> pair_by_key(part apart);
     gap pass_messages(size_t count);
     bool settle_extra(const datagram& extra);
     bool take_late(const datagram& extra);
 
-    // Gaps.
-    void keep_gap(gap&& place);
-    void expire_gaps();
-    void close_gap(gap& place);
+    // What is missing.
+    void keep_gap(gap&& missing);
+    void expire();
+    void report_strangers();
+    void close_gap(gap& missing);
     void settle_rest();
 
     const uint64_t window_;
@@ -91,9 +99,10 @@ private:
     // The latest messages that are settled, and where a key was last seen.
     std::deque<datagram_key> passed_;
     boost::unordered_flat_map<datagram_key, uint64_t> seen_;
-    std::deque<gap> gaps_; // in order of position
+    std::deque<gap> gaps_; // in order of position, none of them empty
     std::unordered_multimap<datagram_key, uint64_t, hash_of_key> missing_; // of gaps_
-    bool gave_some_up_{false}; // some missing message can no longer come late
+    std::vector<datagram> strangers_; // in order of arrival
+    bool lost_some_{false};           // of the messages that can no longer come late
     fault_log log_;
     verification result_;
 };

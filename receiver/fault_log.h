@@ -56,8 +56,8 @@ public:
         }
         std::stable_sort(
             kept_.begin(), kept_.end(), [](const fault& left, const fault& right) {
-                return std::tie(left.message, left.offset, left.arrival) <
-                       std::tie(right.message, right.offset, right.arrival);
+                return std::tie(left.message, left.arrival, left.offset) <
+                       std::tie(right.message, right.arrival, right.offset);
             });
         result.counts = counts_;
         result.fault_count = count_;

@@ -1,5 +1,5 @@
-// A place where messages are missing or strangers have arrived, kept for as long as
-// the missing ones may still come late.
+// Messages that are missing and datagrams that are none of the source's: which of
+// these may be which of those.
 #pragma once
 
 #include <cstddef>
@@ -18,27 +18,41 @@ struct datagram {
     uint64_t arrival{0}; // its number, from 1
     datagram_key key;
     std::vector<uint8_t> payload;
-    uint64_t due{0}; // for a stranger: the message that was due
+    // A stranger's place: from the message that was due to the one that came next.
+    uint64_t due{0};
+    uint64_t next{0};
 };
 
 // One that did not.
 struct missing_message {
     uint64_t number{0}; // from 1
     datagram_key key;
-    std::vector<uint8_t> payload; // empty in a gap without strangers
+    std::vector<uint8_t> payload;
 };
 
-struct gap {
-    std::vector<missing_message> missing; // in order
-    std::vector<datagram> strangers;      // in order of arrival
+// Missing messages in order, kept for as long as they may still come late.
+using gap = std::vector<missing_message>;
+
+struct stranger_pair {
+    size_t missing;  // an index into the gap
+    double likeness; // from 0 for nothing in common to 1
 };
 
-// For each stranger the missing message that it most likely was, as an index. The
-// likest pairs come first; what has nothing in common is paired in order.
-std::vector<std::optional<size_t>> pair_strangers(const gap& place);
+// For each stranger, in order of arrival, the missing message that it most likely
+// was: one of its own place, the likest pairs first and the others in order; or one
+// of another place that it has most of its bytes in common with.
+std::vector<std::optional<stranger_pair>> pair_strangers(
+    const std::vector<datagram>& strangers, const gap& missing);
 
-// Tells what a gap has come to: altered and truncated messages, lost ones, and
-// datagrams that belong nowhere.
-void report_gap(gap& place, fault_log& log);
+// Whether each of them has arrived, altered, beyond doubt.
+bool is_covered(const std::vector<datagram>& strangers, const gap& missing);
+
+// Tells what a gap has come to, altered and truncated messages and lost ones, and
+// takes the strangers that were its messages out of the list. Returns how many are
+// lost.
+size_t report_gap(gap& missing, std::vector<datagram>& strangers, fault_log& log);
+
+// A datagram that belongs nowhere.
+void report_stranger(const datagram& stranger, fault_log& log);
 
 } // namespace receiver

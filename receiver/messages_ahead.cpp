@@ -43,6 +43,19 @@ std::optional<uint64_t> messages_ahead::find(const datagram_key& key, uint64_t f
     return place;
 }
 
+std::optional<uint64_t> messages_ahead::find_arrived(const datagram_key& key) const
+{
+    const auto found = places_.find(key);
+    if (found == places_.end())
+        return std::nullopt;
+    uint64_t place = found->second.first;
+    while (place != 0 && !held_[place - number_].arrived)
+        place = held_[place - number_].next_alike;
+    if (place == 0)
+        return std::nullopt;
+    return place;
+}
+
 bool messages_ahead::read(bytes_view& payload)
 {
     payload = {};

@@ -50,6 +50,9 @@ public:
     // the number `from` on.
     std::optional<uint64_t> find(const datagram_key& key, uint64_t from) const;
 
+    // The same for one that has arrived before it was due.
+    std::optional<uint64_t> find_arrived(const datagram_key& key) const;
+
     // Of all messages read so far; once nothing is due, of the whole source.
     uint64_t bytes_read() const { return bytes_read_; }
 

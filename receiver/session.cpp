@@ -66,8 +66,8 @@ public:
     session(
         const options& options, message_source* source, transport& transport,
         const std::function<bool()>& stopped, progress_line& progress)
-        : options_(options), source_(source), transport_(transport), stopped_(stopped),
-          progress_(progress), start_ns_(now_ns()), end_(limits_of(options), start_ns_)
+        : source_(source), transport_(transport), stopped_(stopped), progress_(progress),
+          start_ns_(now_ns()), end_(limits_of(options), start_ns_)
     {}
 
     // Until the run is over; why.
@@ -87,7 +87,7 @@ public:
         }
     }
 
-    const measure& measured() const { return measured_; }
+    measure& measured() { return measured_; }
 
 private:
     std::optional<end_reason> after(transport::taken taken, uint64_t now)
@@ -131,7 +131,6 @@ private:
         return state;
     }
 
-    const options& options_;
     message_source* source_;
     transport& transport_;
     const std::function<bool()>& stopped_;
@@ -180,7 +179,9 @@ run_result run_over(
     known.total_is_finite = source != nullptr && options.source.passes != 0;
     known.total_arrived = transport.complete() || result.reason == end_reason::messages ||
                           result.reason == end_reason::bytes;
-    transport.finish(result, result.reason == end_reason::idle && known.total_is_finite);
+    transport.finish(
+        result, running.measured(),
+        result.reason == end_reason::idle && known.total_is_finite);
     add_measurement(result, running.measured());
     known.file_failed = transport.file_failed() || !result.verified.source_error.empty();
     result.status = judge(result, known);

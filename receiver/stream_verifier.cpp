@@ -44,7 +44,7 @@ std::span<const uint32_t> stream_verifier::arrived(bytes_view recent, size_t fre
     sizes_.clear();
     received_ += fresh;
     if (result_.gave_up) {
-        log_.add(fault_here(fault_kind::altered, fresh, {}));
+        beyond_.length += fresh;
         return sizes_;
     }
     const bytes_view bytes = recent.last(fresh);
@@ -63,8 +63,10 @@ std::span<const uint32_t> stream_verifier::arrived(bytes_view recent, size_t fre
     return sizes_;
 }
 
-bool stream_verifier::complete() const
+bool stream_verifier::complete()
 {
+    if (!astray_.empty())
+        look_ahead(astray_.size() + 1);
     if (!source_ended_ || result_.gave_up)
         return false;
     return astray_.size() + position_ >= (ahead_.empty() ? due_.size() : ahead_bytes_);
@@ -74,7 +76,9 @@ verification stream_verifier::finish(bool rest_is_due)
 {
     sizes_.clear();
     resolve(true);
-    if (rest_is_due && !result_.gave_up)
+    if (result_.gave_up)
+        log_.add(std::move(beyond_));
+    else if (rest_is_due)
         settle_truncated();
     for (lost_block& block : lost_blocks_)
         log_.add(std::move(block.found));
@@ -98,7 +102,6 @@ bytes_view stream_verifier::due() const
 void stream_verifier::next_message()
 {
     position_ = 0;
-    unharmed_ = true;
     ++message_;
     if (!ahead_.empty()) {
         ahead_bytes_ -= ahead_.front().size();
@@ -151,21 +154,34 @@ std::vector<uint8_t> stream_verifier::expected_ahead(size_t bytes) const
 }
 
 // Passes bytes of the source that did not arrive as they are. A message counts as
-// arrived when its last byte did, in whatever shape.
-void stream_verifier::step_over(size_t bytes, bool arrived)
+// arrived when its last byte did, in whatever shape; those that are lost go to
+// `lost`, with their messages.
+void stream_verifier::step_over(size_t bytes, std::vector<share>* lost)
 {
     offset_ += bytes;
     while (bytes != 0) {
         const size_t count = std::min(bytes, due().size());
-        unharmed_ = false;
+        if (lost != nullptr)
+            lost->push_back({message_, count});
+        harmed_[message_] += count;
         position_ += count;
         bytes -= count;
         if (!due().empty())
             continue;
-        if (arrived)
+        if (lost == nullptr)
             sizes_.push_back(static_cast<uint32_t>(position_));
-        next_message();
+        complete_message();
     }
+}
+
+// The last byte of the message that is due has been passed.
+void stream_verifier::complete_message()
+{
+    if (!harmed_.contains(message_))
+        ++result_.matched_messages;
+    else if (lost_blocks_.empty() || lost_blocks_.back().shares.back().message < message_)
+        harmed_.erase(message_); // no late block can make it whole
+    next_message();
 }
 
 // ------------------------------------------------------------ the received side
@@ -191,9 +207,7 @@ size_t stream_verifier::match_in_step(bytes_view bytes)
             continue;
         }
         sizes_.push_back(static_cast<uint32_t>(position_));
-        if (unharmed_)
-            ++result_.matched_messages;
-        next_message();
+        complete_message();
     }
     offset_ += matched;
     result_.matched_bytes += matched;
@@ -291,7 +305,7 @@ bool stream_verifier::settle_first(bool final)
 void stream_verifier::give_up()
 {
     const std::vector<uint8_t> ahead = expected_ahead(EXCERPT);
-    log_.add(fault_here(fault_kind::altered, astray_.size(), ahead));
+    beyond_ = fault_here(fault_kind::altered, astray_.size(), ahead);
     result_.gave_up = true;
     astray_.clear();
 }
@@ -318,7 +332,7 @@ void stream_verifier::settle(size_t received, size_t expected, bytes_view ahead)
     const size_t altered = std::min(received, expected);
     if (altered != 0) {
         log_.add(fault_here(fault_kind::altered, altered, ahead));
-        step_over(altered, true);
+        step_over(altered, nullptr);
         remember_consumed(first_of(astray_, altered));
         astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(altered));
         ahead = ahead.subspan(altered);
@@ -331,13 +345,21 @@ void stream_verifier::settle(size_t received, size_t expected, bytes_view ahead)
 
 void stream_verifier::settle_lost(size_t length, bytes_view ahead)
 {
-    if (lost_blocks_.size() == LOST_BLOCKS) {
-        log_.add(std::move(lost_blocks_.front().found));
-        lost_blocks_.pop_front();
-    }
+    if (lost_blocks_.size() == LOST_BLOCKS)
+        forget_lost_block();
     lost_blocks_.push_back(
-        {fault_here(fault_kind::lost, length, ahead), copy_of(ahead.first(length))});
-    step_over(length, false);
+        {fault_here(fault_kind::lost, length, ahead), copy_of(ahead.first(length)), {}});
+    step_over(length, &lost_blocks_.back().shares);
+}
+
+// The oldest one stays lost, and so do the messages in front of the next one.
+void stream_verifier::forget_lost_block()
+{
+    log_.add(std::move(lost_blocks_.front().found));
+    lost_blocks_.pop_front();
+    const uint64_t oldest =
+        lost_blocks_.empty() ? message_ : lost_blocks_.front().found.message;
+    harmed_.erase(harmed_.begin(), harmed_.lower_bound(std::min(oldest, message_)));
 }
 
 void stream_verifier::settle_surplus(size_t length, bytes_view ahead)
@@ -363,19 +385,38 @@ bool stream_verifier::take_lost_block(bytes_view surplus)
         [&](const lost_block& lost) { return is_rotation(lost.content, surplus); });
     if (block == lost_blocks_.end())
         return false;
+    heal(*block);
     block->found.kind = fault_kind::reordered;
     log_.add(std::move(block->found));
     lost_blocks_.erase(block);
     return true;
 }
 
+// The bytes of the block are there after all.
+void stream_verifier::heal(const lost_block& block)
+{
+    result_.matched_bytes += block.content.size();
+    for (const share& part : block.shares) {
+        const auto harm = harmed_.find(part.message);
+        if (harm == harmed_.end())
+            continue; // forgotten with an older block
+        harm->second -= part.bytes;
+        if (harm->second != 0)
+            continue;
+        harmed_.erase(harm);
+        if (part.message != message_)
+            ++result_.matched_messages;
+    }
+}
+
 void stream_verifier::settle_truncated()
 {
     look_ahead(EXCERPT);
+    std::vector<share> never; // arrived
     fault missing = fault_here(fault_kind::truncated, 0, expected_ahead(EXCERPT));
     while (!due().empty()) {
         missing.length += due().size();
-        step_over(due().size(), false);
+        step_over(due().size(), &never);
     }
     if (missing.length != 0)
         log_.add(std::move(missing));

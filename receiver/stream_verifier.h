@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <span>
 #include <vector>
 
@@ -47,10 +48,13 @@ public:
     }
 
     // At least as many bytes have arrived as the source gives.
-    bool complete() const;
+    bool complete();
 
     // How many faults have been settled.
     uint64_t fault_count() const { return log_.fault_count() + lost_blocks_.size(); }
+
+    // The sizes of the messages that the latest call has completed, finish() included.
+    std::span<const uint32_t> completed() const { return sizes_; }
 
     // The result. What the source still has is missing only if `rest_is_due`, which
     // an endless source must not be. To be called once, after the last byte.
@@ -64,9 +68,15 @@ private:
         EXCERPT = 16
     };
 
+    // Some bytes of one message.
+    struct share {
+        uint64_t message;
+        uint64_t bytes;
+    };
     struct lost_block {
         fault found;
         std::vector<uint8_t> content;
+        std::vector<share> shares;
     };
 
     // The source's side.
@@ -75,7 +85,8 @@ private:
     bool read_source(bytes_view& message);
     void look_ahead(size_t bytes);
     std::vector<uint8_t> expected_ahead(size_t bytes) const;
-    void step_over(size_t bytes, bool arrived);
+    void step_over(size_t bytes, std::vector<share>* lost);
+    void complete_message();
 
     // The received side.
     size_t match_in_step(bytes_view bytes);
@@ -92,6 +103,8 @@ private:
     void settle_lost(size_t length, bytes_view ahead);
     void settle_surplus(size_t length, bytes_view ahead);
     bool take_lost_block(bytes_view surplus);
+    void heal(const lost_block& block);
+    void forget_lost_block();
     void settle_truncated();
 
     message_source& source_;
@@ -102,7 +115,9 @@ private:
     size_t position_{0};  // in the message that is due
     uint64_t message_{0}; // its number, from 1
     uint64_t offset_{0};  // of the byte that is due, in the stream
-    bool unharmed_{true}; // the message that is due, so far
+    // Bytes that have not arrived as they are, by message: of the one that is due and
+    // of those that a late block may still make whole.
+    std::map<uint64_t, uint64_t> harmed_;
     std::vector<uint32_t> sizes_;
 
     uint64_t received_{0};
@@ -110,6 +125,7 @@ private:
     std::vector<uint8_t> astray_;  // received since both sides came apart
     size_t next_try_{0};           // length of astray_ that is worth a search
     std::deque<lost_block> lost_blocks_;
+    fault beyond_; // where both sides did not meet again
     fault_log log_;
     verification result_;
 };

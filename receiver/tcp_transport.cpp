@@ -40,6 +40,7 @@ transport::taken tcp_transport::take(measure& measured, const run_end& end)
         break;
     }
     const uint64_t now = stamp_ns();
+    last_stamp_ = now;
     const size_t fresh = input_.fresh();
     kept_.write([&](data_writer& file) { file.write(input_.recent().last(fresh)); });
     if (verifier_) {
@@ -59,12 +60,15 @@ uint64_t tcp_transport::fault_count() const
     return verifier_ ? verifier_->fault_count() : 0;
 }
 
-void tcp_transport::finish(run_result& result, bool rest_is_due)
+void tcp_transport::finish(run_result& result, measure& measured, bool rest_is_due)
 {
-    if (verifier_)
+    if (verifier_) {
         result.verified = verifier_->finish(rest_is_due);
-    else
+        for (const uint32_t size : verifier_->completed())
+            measured.message_complete(last_stamp_, size);
+    } else {
         result.measured.framed = false;
+    }
     if (!input_.error().empty())
         result.problems.push_back(input_.error());
     kept_.finish(result);

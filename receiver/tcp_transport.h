@@ -1,6 +1,7 @@
 // A run over TCP: bytes, in messages only as far as the source tells them.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
 #include "stream_verifier.h"
@@ -19,13 +20,14 @@ public:
     taken take(measure& measured, const run_end& end) override;
     bool complete() override { return verifier_ && verifier_->complete(); }
     uint64_t fault_count() const override;
-    void finish(run_result& result, bool rest_is_due) override;
+    void finish(run_result& result, measure& measured, bool rest_is_due) override;
     bool file_failed() const override { return kept_.has_failed(); }
 
 private:
     tcp_input& input_;
     std::optional<stream_verifier> verifier_;
     kept_file<data_writer> kept_;
+    uint64_t last_stamp_{0}; // of the latest read, since the epoch
 };
 
 } // namespace receiver

@@ -39,7 +39,7 @@ public:
 
     // Ends the comparison and the file that is kept, and fills in what the
     // transport knows. What the source still has is a fault only if it is due.
-    virtual void finish(run_result& result, bool rest_is_due) = 0;
+    virtual void finish(run_result& result, measure& measured, bool rest_is_due) = 0;
 
     // A file that is kept could not be written.
     virtual bool file_failed() const = 0;

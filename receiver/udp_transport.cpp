@@ -36,7 +36,7 @@ uint64_t udp_transport::fault_count() const
     return verifier_ ? verifier_->fault_count() : 0;
 }
 
-void udp_transport::finish(run_result& result, bool rest_is_due)
+void udp_transport::finish(run_result& result, measure& /*measured*/, bool rest_is_due)
 {
     if (verifier_)
         result.verified = verifier_->finish(rest_is_due);

@@ -22,7 +22,7 @@ public:
     taken take(measure& measured, const run_end& end) override;
     bool complete() override { return verifier_ && verifier_->complete(); }
     uint64_t fault_count() const override;
-    void finish(run_result& result, bool rest_is_due) override;
+    void finish(run_result& result, measure& measured, bool rest_is_due) override;
     bool file_failed() const override { return kept_.has_failed(); }
 
 private:
