@@ -123,7 +123,7 @@ std::string grouped(uint64_t number)
     std::string text = fmt::format("{}", number);
     for (size_t at = text.size(); at > 3;) {
         at -= 3;
-        text.insert(at, ",");
+        text.insert(at, 1, ',');
     }
     return text;
 }
@@ -300,7 +300,7 @@ double nice_step(double least)
 {
     const double decade = std::pow(10.0, std::floor(std::log10(least)));
     for (const double factor : {1.0, 2.0, 5.0}) {
-        // The logarithm of a power of ten may fall short by a rounding error.
+        // What is a step but for a rounding error keeps that step.
         if (decade * factor >= least * (1 - 1e-9))
             return decade * factor;
     }

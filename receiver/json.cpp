@@ -153,6 +153,8 @@ json to_json(const plan_result& plan)
 {
     json object = document("plan");
     object["command"] = plan.command;
+    object["exit_status"] = static_cast<int>(plan.status);
+    object["exit_status_name"] = name_of(plan.status);
     object["source"] = plan.source;
     object["files"] = plan.files;
     object["passes"] = plan.passes;

@@ -2,10 +2,11 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
-#include <cctype>
-#include <cfloat>
+#include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
+#include <string>
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -79,6 +80,30 @@ CLI::Option* describe(
     return option->group(group)->type_name(value)->description(text);
 }
 
+// The parser's own conversion takes what is too large for the largest number, and
+// what is no number as one.
+CLI::Validator whole()
+{
+    return {
+        [](std::string& text) {
+            errno = 0;
+            (void)std::strtoull(text.c_str(), nullptr, 10);
+            return errno == ERANGE ? fmt::format("{} is too large", text) : std::string();
+        },
+        ""};
+}
+
+CLI::Validator finite()
+{
+    return {
+        [](std::string& text) {
+            const double number = std::strtod(text.c_str(), nullptr);
+            return std::isfinite(number) ? std::string()
+                                         : fmt::format("{} is no finite number", text);
+        },
+        ""};
+}
+
 // A check whose limits are not shown beside the name.
 CLI::Validator quiet(CLI::Validator check) { return check.description(""); }
 
@@ -125,6 +150,7 @@ void add_own_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--connect-timeout", to.connect_timeout_s), group, "SECONDS",
         "keep trying for so long (10)")
+        ->check(finite())
         ->check(quiet(CLI::NonNegativeNumber));
     describe(
         app.add_option("--rcvbuf", raw.receive_buffer), group, "BYTES",
@@ -138,6 +164,7 @@ void add_own_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--tolerance", to.tolerance_percent), group, "PERCENT",
         "rate error that passes (0.5)")
+        ->check(finite())
         ->check(quiet(CLI::NonNegativeNumber));
 }
 
@@ -147,16 +174,21 @@ void add_end_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--settle", to.settle_s), group, "SECONDS",
         "listen on behind the expected total (0.2)")
+        ->check(finite())
         ->check(quiet(CLI::NonNegativeNumber));
     describe(
         app.add_option("--idle", to.idle_s), group, "SECONDS",
         "of silence behind the first message (2)")
+        ->check(finite())
         ->check(quiet(CLI::PositiveNumber));
     describe(app.add_option("--duration", raw.duration), group, "SECONDS", "in all")
+        ->check(finite())
         ->check(quiet(CLI::PositiveNumber));
     describe(app.add_option("--messages", raw.messages), group, "N", "after so many")
+        ->check(whole())
         ->check(quiet(CLI::PositiveNumber));
     describe(app.add_option("--bytes", raw.bytes), group, "N", "after so many")
+        ->check(whole())
         ->transform(quiet(CLI::AsSizeValue(false)))
         ->check(quiet(CLI::PositiveNumber));
 }

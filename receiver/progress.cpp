@@ -104,7 +104,7 @@ void progress_line::draw(uint64_t now_ns, const progress_state& state)
         return;
     last_ns_ = now_ns;
     drawn_ = true;
-    write("\r" + progress_text(state, columns()) + "\x1b[K");
+    write(fmt::format("\r{}\x1b[K", progress_text(state, columns())));
 }
 
 void progress_line::finish()

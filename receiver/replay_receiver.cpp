@@ -4,8 +4,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -32,17 +35,23 @@ using namespace receiver;
 
 volatile std::sig_atomic_t stop_requested = 0;
 
-void request_stop(int /*signo*/) { stop_requested = 1; }
+// The first signal ends the run, which then reports; the next one, of either kind,
+// finds the default again and ends the program.
+void request_stop(int /*signo*/)
+{
+    stop_requested = 1;
+    (void)::signal(SIGINT, SIG_DFL); // safe in a handler
+    (void)::signal(SIGTERM, SIG_DFL);
+}
 
 bool is_stopped() { return stop_requested != 0; }
 
-// The first signal ends the run and reports; the second finds the default again,
-// which ends the program. Calls are not restarted, so that waiting ends at once.
+// Writing goes on behind a signal; waiting for the network ends at once all the same.
 void catch_signals()
 {
     struct sigaction action = {};
     action.sa_handler = request_stop;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    action.sa_flags = SA_RESTART;
     (void)::sigemptyset(&action.sa_mask); // none of these can fail
     (void)::sigaction(SIGINT, &action, nullptr);
     (void)::sigaction(SIGTERM, &action, nullptr);
@@ -82,14 +91,46 @@ bool is_same_file(const std::string& one, const std::string& other)
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+// None when they cannot be found: that is told when the recording is opened.
+std::vector<std::string> recorded_files(const options& options)
+{
+    try {
+        return options.has_source() ? source_files(options.source)
+                                    : std::vector<std::string>();
+    } catch (const file_error&) {
+        return {};
+    }
+}
+
+// The recording stays what it is: no output goes over one of its files, or into its
+// folder, where it would be replayed too.
+void protect_recording(
+    const options& options, const std::string& output,
+    const std::vector<std::string>& files)
+{
+    namespace fs = std::filesystem;
+    std::error_code ignored; // a path that is not there is none of the recording's
+    const bool inside =
+        fs::is_directory(options.source.path, ignored) &&
+        is_same_file(
+            fs::absolute(output, ignored).parent_path().string(), options.source.path);
+    bool over = false;
+    for (const std::string& file : files)
+        over = over || is_same_file(output, file);
+    if (inside || over)
+        throw usage_end(
+            true, fmt::format(
+                      "{}: would change the recording {}; choose another name", output,
+                      options.source.path));
+}
+
 void check_outputs(const options& options)
 {
+    const std::vector<std::string> files = recorded_files(options);
     for (const std::string* path :
          {&options.json, &options.csv, &options.report, &options.write}) {
-        if (!path->empty() && options.has_source() &&
-            is_same_file(*path, options.source.path))
-            throw usage_end(
-                true, fmt::format("{} is the recording; choose another name", *path));
+        if (!path->empty() && *path != "-" && options.has_source())
+            protect_recording(options, *path, files);
     }
     for (const std::string* path : {&options.json, &options.csv, &options.report})
         check_writable(*path);
@@ -117,25 +158,21 @@ void write_file(const std::string& path, const std::string& text)
     write_all(file, text, path);
 }
 
-// Each output for itself: one that fails does not keep the others from the user.
-class outputs {
-public:
-    template <class write_t>
-    void add(write_t write)
-    {
-        try {
-            write();
-        } catch (const file_error& error) {
-            complain(error.what());
-            failed_ = true;
-        }
+// Runs it; false, with the reason told, when a file fails. Each output is written for
+// itself: one that fails does not keep the others from the user.
+template <class write_t>
+bool succeeds(write_t write, std::vector<std::string>* problems = nullptr)
+{
+    try {
+        write();
+        return true;
+    } catch (const file_error& error) {
+        complain(error.what());
+        if (problems != nullptr)
+            problems->emplace_back(error.what());
+        return false;
     }
-
-    bool failed() const { return failed_; }
-
-private:
-    bool failed_{false};
-};
+}
 
 unsigned columns()
 {
@@ -174,7 +211,7 @@ uint64_t now_ns()
 int plan(const options& options, progress_line& progress)
 {
     const uint64_t start = now_ns();
-    const plan_result result = make_plan(options, [&](const plan_progress& so_far) {
+    plan_result result = make_plan(options, [&](const plan_progress& so_far) {
         const uint64_t now = now_ns();
         if (progress.due(now))
             progress.draw(
@@ -183,29 +220,87 @@ int plan(const options& options, progress_line& progress)
         return !is_stopped();
     });
     progress.finish();
-    outputs out;
-    out.add([&] { show_summary(options, plan_text(result, columns(), wants_colour())); });
-    out.add([&] { write_file(options.json, json_text(to_json(result))); });
-    if (out.failed() || !result.source_error.empty())
-        return number_of(exit_status::file);
-    return number_of(is_stopped() ? exit_status::early : exit_status::as_expected);
+    if (is_stopped())
+        result.status = exit_status::early;
+    if (!result.source_error.empty()) {
+        complain(result.source_error);
+        result.status = exit_status::file;
+    }
+    bool written =
+        succeeds([&] { write_file(options.json, json_text(to_json(result))); });
+    written &= succeeds(
+        [&] { show_summary(options, plan_text(result, columns(), wants_colour())); });
+    return number_of(written ? result.status : exit_status::file);
+}
+
+// Finds out before anything is received whether the recording can be read at all.
+std::unique_ptr<message_source> open_checked(const source_options& options)
+{
+    std::unique_ptr<message_source> source = open_source(options);
+    std::string error = source->error();
+    if (error.empty() && !options.preload) {
+        const std::unique_ptr<message_source> probe = open_source(options);
+        bytes_view first;
+        (void)probe->next(first); // error() tells
+        error = probe->error();
+    }
+    if (!error.empty())
+        throw file_error(error);
+    return source;
+}
+
+// Receives, or says why that was not possible.
+run_result receive_or_fail(const options& options, progress_line& progress)
+{
+    run_result failed = blank_result(options);
+    failed.reason = end_reason::failed;
+    try {
+        std::unique_ptr<message_source> source;
+        if (options.has_source())
+            source = open_checked(options.source);
+        return receive_replay(options, source.get(), is_stopped, progress);
+    } catch (const connection_error& error) {
+        failed.status = exit_status::connection;
+        failed.problems.emplace_back(error.what());
+    } catch (const file_error& error) {
+        failed.status = exit_status::file;
+        failed.problems.emplace_back(error.what());
+    }
+    return failed;
 }
 
 int receive(const options& options, progress_line& progress)
 {
-    std::unique_ptr<message_source> source;
-    if (options.has_source())
-        source = open_source(options.source);
-    run_result result = receive_replay(options, source.get(), is_stopped, progress);
+    run_result result = receive_or_fail(options, progress);
+    progress.finish();
+    for (const std::string& problem : result.problems)
+        complain(problem);
+    const bool has_run =
+        result.status != exit_status::connection &&
+        !(result.reason == end_reason::failed && result.measured.messages == 0);
 
-    outputs out;
-    out.add([&] { write_file(options.csv, intervals_csv(result.measured)); });
-    out.add([&] { write_file(options.report, report_page(result)); });
-    out.add([&] { write_file(options.json, json_text(to_json(result))); });
-    out.add(
-        [&] { show_summary(options, summary_text(result, columns(), wants_colour())); });
-    if (out.failed() && result.status != exit_status::content)
-        result.status = exit_status::file;
+    bool written = true;
+    if (has_run) {
+        written &= succeeds(
+            [&] { write_file(options.csv, intervals_csv(result.measured)); },
+            &result.problems);
+        written &= succeeds(
+            [&] { write_file(options.report, report_page(result)); }, &result.problems);
+    }
+    // What comes next tells of files that have failed before.
+    const auto blame = [&] {
+        if (!written && result.status != exit_status::content)
+            result.status = exit_status::file;
+    };
+    blame();
+    written &= succeeds(
+        [&] { write_file(options.json, json_text(to_json(result))); }, &result.problems);
+    blame();
+    if (has_run)
+        written &= succeeds([&] {
+            show_summary(options, summary_text(result, columns(), wants_colour()));
+        });
+    blame();
     return number_of(result.status);
 }
 
@@ -234,9 +329,6 @@ int main(int argc, char** argv)
         complain(end.what());
         (void)std::fputs("Try replay_receiver --help.\n", stderr);
         return number_of(exit_status::usage);
-    } catch (const connection_error& error) {
-        complain(error.what());
-        return number_of(exit_status::connection);
     } catch (const file_error& error) {
         complain(error.what());
         return number_of(exit_status::file);

@@ -86,7 +86,7 @@ public:
         const std::string_view size = area.narrow() ? "narrow" : "wide";
         svg_ = fmt::format(
             "<svg class=\"{0}\" viewBox=\"0 0 {1:g} {2:g}\" role=\"img\" "
-            "aria-labelledby=\"{3}-{0}-title {3}-{0}-desc\">\n"
+            "aria-labelledby=\"{3}-{0}-title\" aria-describedby=\"{3}-{0}-desc\">\n"
             "<title id=\"{3}-{0}-title\">{4}</title>\n"
             "<desc id=\"{3}-{0}-desc\">{5}</desc>\n",
             size, area.width, area.height, id, html_text(title), html_text(description));
@@ -187,8 +187,6 @@ struct stretch {
     double from{0};
     double to{0};
     double rate{0};
-    double least{0};
-    double most{0};
 };
 
 double slice_rate(const measurement& measured, size_t index)
@@ -207,27 +205,24 @@ size_t whole_slices(const measurement& measured)
         measured.intervals.size(), measured.duration_ns / measured.interval_ns);
 }
 
+// At most `most` of them, each the mean of as many slices as that takes.
 std::vector<stretch> stretches(const measurement& measured, size_t most)
 {
     const size_t slices = whole_slices(measured);
     if (slices < 2)
-        return {{0, 1, measured.rate_bps, measured.rate_bps, measured.rate_bps}};
+        return {{0, 1, measured.rate_bps}};
     const size_t each = (slices + most - 1) / most;
-    const auto share = static_cast<double>(measured.interval_ns) /
-                       static_cast<double>(measured.duration_ns);
+    const double share = static_cast<double>(measured.interval_ns) /
+                         static_cast<double>(measured.duration_ns);
     std::vector<stretch> all;
     for (size_t at = 0; at < slices; at += each) {
         const size_t end = std::min(slices, at + each);
-        stretch next{
-            static_cast<double>(at) * share, static_cast<double>(end) * share, 0,
-            slice_rate(measured, at), slice_rate(measured, at)};
-        for (size_t i = at; i < end; ++i) {
-            const double rate = slice_rate(measured, i);
-            next.rate += rate / static_cast<double>(end - at);
-            next.least = std::min(next.least, rate);
-            next.most = std::max(next.most, rate);
-        }
-        all.push_back(next);
+        double sum = 0;
+        for (size_t i = at; i < end; ++i)
+            sum += slice_rate(measured, i);
+        all.push_back(
+            {static_cast<double>(at) * share, static_cast<double>(end) * share,
+             sum / static_cast<double>(end - at)});
     }
     return all;
 }
@@ -298,25 +293,11 @@ time_axis time_axis_of(uint64_t duration_ns, int steps)
 void draw_rates(drawing& chart, const std::vector<stretch>& parts, double top)
 {
     std::string curve;
-    std::string spread;
-    std::string back;
-    for (const stretch& part : parts) {
-        const double from = chart.x(part.from);
-        const double to = chart.x(part.to);
-        const double at = chart.y(part.rate / top);
+    for (const stretch& part : parts)
         curve += fmt::format(
-            "{}{:.1f} {:.1f}H{:.1f}", curve.empty() ? "M" : "L", from, at, to);
-        spread += fmt::format(
-            "{}{:.1f} {:.1f}H{:.1f}", spread.empty() ? "M" : "L", from,
-            chart.y(part.most / top), to);
-        back.insert(
-            0, fmt::format("L{:.1f} {:.1f}H{:.1f}", to, chart.y(part.least / top), from));
-    }
-    const double end = chart.x(parts.back().to);
-    chart.path(
-        "area",
-        fmt::format("{}L{:.1f} {:.1f}H{:.1f}Z", curve, end, chart.y(0), chart.x(0)));
-    chart.path("spread", spread + back + "Z");
+            "{}{:.1f} {:.1f}H{:.1f}", curve.empty() ? "M" : "L", chart.x(part.from),
+            chart.y(part.rate / top), chart.x(part.to));
+    chart.path("area", fmt::format("{}V{:.1f}H{:.1f}Z", curve, chart.y(0), chart.x(0)));
     chart.path("curve", curve);
 }
 
@@ -329,7 +310,7 @@ void draw_wanted(
     double highest = wanted;
     for (const stretch& part : parts) {
         if (part.to >= from)
-            highest = std::max(highest, part.most);
+            highest = std::max(highest, part.rate);
     }
     chart.line(
         "wanted", chart.x(0), chart.y(wanted / top), chart.x(1), chart.y(wanted / top));
@@ -338,10 +319,10 @@ void draw_wanted(
 
 std::string rate_chart(const run_result& run, const frame& area)
 {
-    const std::vector<stretch> parts = stretches(run.measured, area.narrow() ? 140 : 370);
+    const std::vector<stretch> parts = stretches(run.measured, area.narrow() ? 60 : 120);
     double greatest = run.wanted_bps.value_or(0);
     for (const stretch& part : parts)
-        greatest = std::max(greatest, part.most);
+        greatest = std::max(greatest, part.rate);
     const scale rates(greatest, 5);
     const unit in = rate_unit(rates.top);
     drawing chart(
@@ -487,7 +468,7 @@ std::string gap_chart(const distribution& gaps, const frame& area)
     drawing chart(
         with_labels, "gaps", "Gaps between arrivals",
         fmt::format(
-            "Half of the gaps are at most {}, 99 % at most {}, the longest is {}.",
+            "Half of the gaps are at most {}, 99% at most {}, the longest is {}.",
             duration_text(gaps.p50), duration_text(gaps.p99), duration_text(gaps.max)));
     chart.vertical_axis(shares.ticks(share_tick));
     std::string shapes;

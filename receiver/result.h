@@ -171,6 +171,7 @@ struct caveats {
 
 struct plan_result {
     std::string command;
+    exit_status status{exit_status::as_expected};
     std::string source;
     uint64_t files{0};
     uint64_t passes{1};   // 0: endless

@@ -140,22 +140,6 @@ private:
     measure measured_;
 };
 
-run_result describe(const options& options)
-{
-    run_result result;
-    result.command = options.command;
-    result.protocol = options.tcp ? "tcp" : "udp";
-    result.address = options.ip + ":" + std::to_string(options.port);
-    result.device = options.device;
-    result.source = options.source.path;
-    result.tolerance_percent = options.tolerance_percent;
-    if (options.wanted_bps != 0)
-        result.wanted_bps = static_cast<double>(options.wanted_bps);
-    result.buffer_wished =
-        options.receive_buffer.value_or(options.tcp ? 0 : UDP_RECEIVE_BUFFER);
-    return result;
-}
-
 void add_measurement(run_result& result, const measure& measured)
 {
     const bool framed = result.measured.framed;
@@ -170,7 +154,7 @@ run_result run_over(
     const options& options, message_source* source, transport& transport,
     const std::function<bool()>& stopped, progress_line& progress, uint64_t nap_ns)
 {
-    run_result result = describe(options);
+    run_result result = blank_result(options);
     session running(options, source, transport, stopped, progress);
     result.reason = running.run(nap_ns);
     progress.finish();
@@ -184,11 +168,32 @@ run_result run_over(
         result.reason == end_reason::idle && known.total_is_finite);
     add_measurement(result, running.measured());
     known.file_failed = transport.file_failed() || !result.verified.source_error.empty();
+    if (!result.verified.source_error.empty()) {
+        result.problems.push_back(result.verified.source_error);
+        if (result.reason == end_reason::complete)
+            result.reason = end_reason::failed; // it was not everything
+    }
     result.status = judge(result, known);
     return result;
 }
 
 } // namespace
+
+run_result blank_result(const options& options)
+{
+    run_result result;
+    result.command = options.command;
+    result.protocol = options.tcp ? "tcp" : "udp";
+    result.address = options.ip + ":" + std::to_string(options.port);
+    result.device = options.device;
+    result.source = options.source.path;
+    result.tolerance_percent = options.tolerance_percent;
+    if (options.wanted_bps != 0)
+        result.wanted_bps = static_cast<double>(options.wanted_bps);
+    result.buffer_wished =
+        options.receive_buffer.value_or(options.tcp ? 0 : UDP_RECEIVE_BUFFER);
+    return result;
+}
 
 run_result receive_replay(
     const options& options, message_source* source, const std::function<bool()>& stopped,
@@ -211,7 +216,7 @@ run_result receive_replay(
         options.ip, options.port, options.connect_timeout_s,
         options.receive_buffer.value_or(0), stopped);
     if (!input.is_connected()) {
-        run_result result = describe(options);
+        run_result result = blank_result(options);
         result.reason = end_reason::signal;
         result.status = exit_status::early;
         return result;

@@ -9,6 +9,9 @@
 
 namespace receiver {
 
+// A result that knows nothing yet but what was asked for.
+run_result blank_result(const options& options);
+
 // `source` may be null. `stopped` tells that the user wants the run to end; it is
 // asked at least ten times a second. Throws connection_error and file_error before
 // anything is received; later errors become part of the result.

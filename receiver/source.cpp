@@ -43,24 +43,27 @@ std::vector<std::string> list_folder(std::string folder)
 
 } // namespace
 
-std::unique_ptr<message_source> open_source(const source_options& options)
+std::vector<std::string> source_files(const source_options& options)
 {
     using vesk::details::FileType;
     FileType type = FileType::UNKNOWN;
     if (!vesk::details::path_exists(options.path, type))
         throw file_error(fmt::format("{}: {}", options.path, std::strerror(errno)));
+    if (type == FileType::DIR)
+        return list_folder(options.path);
+    if (type == FileType::REG)
+        return {options.path};
+    throw file_error(
+        fmt::format("{}: neither a regular file nor a folder", options.path));
+}
 
+std::unique_ptr<message_source> open_source(const source_options& options)
+{
     file_list list;
     list.passes = options.passes;
-    if (type == FileType::DIR) {
-        list.files = list_folder(options.path);
+    list.files = source_files(options);
+    if (std::filesystem::is_directory(options.path))
         list.entries = count_entries(options.path) - list.files.size();
-    } else if (type == FileType::REG) {
-        list.files.push_back(options.path);
-    } else {
-        throw file_error(
-            fmt::format("{}: neither a regular file nor a folder", options.path));
-    }
 
     // The sender takes only a single file into memory, and of a folder it then
     // sends nothing.

@@ -62,6 +62,9 @@ struct source_options {
     bool preload{false};
 };
 
+// The files that the options name, in replay order. Throws file_error.
+std::vector<std::string> source_files(const source_options& options);
+
 // Opens what the options name. Throws file_error for a path that the sender cannot
 // replay.
 std::unique_ptr<message_source> open_source(const source_options& options);

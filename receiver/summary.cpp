@@ -380,7 +380,10 @@ public:
                                           : std::string(words);
     }
 
-    void line(std::string_view words = "") { text_.append(words).append("\n"); }
+    void line(std::string_view words = "")
+    {
+        text_.append(words.substr(0, words.find_last_not_of(' ') + 1)).append("\n");
+    }
 
     void sentence(std::string_view words, std::string_view colour)
     {
@@ -601,6 +604,11 @@ void arrivals(page& out, const run_result& run)
     out.row("Rate", rate_line(run));
 }
 
+std::string exit_text(exit_status status)
+{
+    return fmt::format("status {}: {}", static_cast<int>(status), meaning_of(status));
+}
+
 void ending(page& out, const run_result& run)
 {
     if (run.buffer_wished > 0) {
@@ -614,10 +622,7 @@ void ending(page& out, const run_result& run)
         out.row(label, printable(problem));
         label = "";
     }
-    out.row(
-        "Exit",
-        fmt::format(
-            "status {}: {}", static_cast<int>(run.status), meaning_of(run.status)));
+    out.row("Exit", exit_text(run.status));
 }
 
 } // namespace
@@ -735,6 +740,8 @@ std::string plan_text(const plan_result& plan, unsigned columns, bool colour)
     out.row("SHA-256", plan.sha256);
     omissions(out, plan.omitted);
     warnings(out, plan);
+    if (plan.status != exit_status::as_expected)
+        out.row("Exit", exit_text(plan.status));
     if (plan.sizes.count > 0) {
         out.line();
         figures(out, {size_figures(plan.sizes)});
