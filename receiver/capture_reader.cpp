@@ -44,7 +44,6 @@ capture_reader::opened capture_reader::open(
             link_name(::pcap_datalink(capture_))));
     }
     if (::pcap_compile(capture_, &program_, expression.c_str(), 1, 0) < 0) {
-        ++notes_.omitted.refused_files;
         notes_.sentences.push_back(
             fmt::format("{}: refuses the filter: {}", path, ::pcap_geterr(capture_)));
         return opened::refused;

@@ -45,8 +45,10 @@ bool capture_source::next_file()
 {
     if (file_ == list_.files.size() && !next_pass())
         return false;
-    is_open_ =
-        reader_.open(list_.files[file_++], filter_) == capture_reader::opened::filtered;
+    const auto opened = reader_.open(list_.files[file_++], filter_);
+    is_open_ = opened == capture_reader::opened::filtered;
+    if (opened == capture_reader::opened::refused && pass_ == 0)
+        ++refused_;
     return true;
 }
 
@@ -77,6 +79,7 @@ source_notes capture_source::notes() const
 {
     source_notes notes = first_pass_ ? *first_pass_ : reader_.notes();
     notes.omitted.entries = list_.entries;
+    notes.omitted.refused_files = refused_;
     return notes;
 }
 

@@ -38,6 +38,7 @@ private:
     size_t file_{0}; // the next one to open
     uint32_t pass_{0};
     bool pass_was_empty_{true};
+    uint64_t refused_{0}; // in the first pass
     std::optional<source_notes> first_pass_;
 };
 

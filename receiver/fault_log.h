@@ -54,11 +54,7 @@ public:
                 keep(std::move(run));
             run.length = 0;
         }
-        std::stable_sort(
-            kept_.begin(), kept_.end(), [](const fault& left, const fault& right) {
-                return std::tie(left.message, left.arrival, left.offset) <
-                       std::tie(right.message, right.arrival, right.offset);
-            });
+        sort_kept();
         result.counts = counts_;
         result.fault_count = count_;
         result.faults = std::move(kept_);
@@ -84,8 +80,20 @@ private:
     void keep(fault&& f)
     {
         ++count_;
-        if (kept_.size() < KEPT_FAULTS)
-            kept_.push_back(std::move(f));
+        kept_.push_back(std::move(f));
+        if (kept_.size() == 2 * KEPT_FAULTS)
+            sort_kept(); // faults come nearly, but not quite, in order
+    }
+
+    // Leaves the first ones.
+    void sort_kept()
+    {
+        std::stable_sort(
+            kept_.begin(), kept_.end(), [](const fault& left, const fault& right) {
+                return std::tie(left.message, left.arrival, left.offset) <
+                       std::tie(right.message, right.arrival, right.offset);
+            });
+        kept_.resize(std::min<size_t>(kept_.size(), KEPT_FAULTS));
     }
 
     static fault no_run()

@@ -48,7 +48,8 @@ distribution value_histogram::result() const
     const log_linear_axis axis;
     for (int i = axis.index(min_); i <= axis.index(max_); ++i) {
         const auto [low, high] = log_linear_axis::range(i);
-        result.bins.push_back({low, high + 1, counts_.at(i)});
+        const uint64_t end = high == UINT64_MAX ? high : high + 1;
+        result.bins.push_back({low, end, counts_.at(i)});
     }
     return result;
 }

@@ -35,11 +35,13 @@ json text_or_null(const std::string& text)
 json distribution_json(const distribution& values, const std::string& unit)
 {
     json bins = json::array();
-    for (const bin& next : values.bins)
-        bins.push_back(
-            {{"low_" + unit, next.low},
-             {"high_" + unit, next.high},
-             {"count", next.count}});
+    for (const bin& next : values.bins) {
+        if (next.count != 0) // there are thousands of empty ones
+            bins.push_back(
+                {{"low_" + unit, next.low},
+                 {"high_" + unit, next.high},
+                 {"count", next.count}});
+    }
     return {{"count", values.count},     {"min_" + unit, values.min},
             {"max_" + unit, values.max}, {"mean_" + unit, values.mean},
             {"p50_" + unit, values.p50}, {"p90_" + unit, values.p90},

@@ -7,10 +7,13 @@ namespace receiver {
 
 void measure::bytes_arrived(uint64_t stamp_ns, size_t count)
 {
-    if (bytes_ == 0)
+    if (intervals_.empty()) {
         begin_ns_ = stamp_ns;
+        latest_ns_ = stamp_ns;
+    }
+    latest_ns_ = std::max(latest_ns_, stamp_ns);
     bytes_ += count;
-    slice_at(stamp_ns).bytes += count;
+    slice_at(latest_ns_).bytes += count;
 }
 
 void measure::message_complete(uint64_t stamp_ns, size_t size)
@@ -39,7 +42,7 @@ double measure::rate_bps() const
 
 interval& measure::slice_at(uint64_t stamp_ns)
 {
-    const uint64_t since_begin = std::max(stamp_ns, begin_ns_) - begin_ns_;
+    const uint64_t since_begin = stamp_ns - begin_ns_;
     while (since_begin / interval_ns_ >= MOST_INTERVALS)
         widen_intervals();
     const auto slice = static_cast<size_t>(since_begin / interval_ns_);

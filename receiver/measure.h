@@ -47,6 +47,7 @@ private:
     uint64_t messages_{0};
     uint64_t bytes_{0};
     uint64_t begin_ns_{0}; // of the first slice
+    uint64_t latest_ns_{0};
     uint64_t first_ns_{0}; // these are of messages
     uint64_t last_ns_{0};
     uint64_t bytes_behind_first_{0};

@@ -75,21 +75,16 @@ std::optional<meeting_point> find_meeting_point(
     const std::vector<uint64_t> here = details::run_values(received, anchor);
     std::optional<meeting_point> best;
     for (size_t i = 0; i < here.size(); ++i) {
-        // The first place is the best one for this i, unless the even one agrees.
-        for (const bool even : {true, false}) {
-            const auto found = first_place.find(here[i]);
-            if (found == first_place.end())
-                break;
-            const meeting_point point{i, even ? i : found->second};
-            if (best && !is_better(point, *best))
-                continue;
-            if (point.expected < there.size() && there[point.expected] == here[i] &&
-                std::equal(
-                    received.begin() + static_cast<ptrdiff_t>(i),
-                    received.begin() + static_cast<ptrdiff_t>(i + anchor),
-                    expected.begin() + static_cast<ptrdiff_t>(point.expected)))
-                best = point;
-        }
+        const auto place = first_place.find(here[i]); // the nearest is the cheapest
+        if (place == first_place.end())
+            continue;
+        const meeting_point point{i, place->second};
+        if ((!best || is_better(point, *best)) &&
+            std::equal(
+                received.begin() + static_cast<ptrdiff_t>(i),
+                received.begin() + static_cast<ptrdiff_t>(i + anchor),
+                expected.begin() + static_cast<ptrdiff_t>(point.expected)))
+            best = point;
         if (best && best->cost() <= i)
             break; // what follows costs more
     }
@@ -103,17 +98,15 @@ std::optional<meeting_point> find_meeting_point(
     std::span<const element_t> received, std::span<const element_t> expected,
     size_t anchor, bool& certain)
 {
-    for (size_t count = 4 * anchor; count < received.size(); count *= 4) {
-        const auto best = find_meeting_point(
-            received.first(count), expected.first(std::min(count, expected.size())),
-            anchor);
-        certain = best && best->cost() + anchor <= count;
-        if (certain)
+    for (size_t count = 4 * anchor;; count *= 4) {
+        const auto here = received.first(std::min(count, received.size()));
+        const auto there = expected.first(std::min(count, expected.size()));
+        const auto best = find_meeting_point(here, there, anchor);
+        certain = best && best->cost() + anchor <= std::min(here.size(), there.size());
+        if (certain ||
+            (here.size() == received.size() && there.size() == expected.size()))
             return best;
     }
-    const auto best = find_meeting_point(received, expected, anchor);
-    certain = best && best->cost() + anchor <= received.size();
-    return best;
 }
 
 // The point behind which both sequences agree to their ends.

@@ -60,15 +60,24 @@ struct raw_values {
     uint64_t bytes{0};
 };
 
+std::string quoted(const std::string& word)
+{
+    if (!word.empty() &&
+        word.find_first_of(" \t\n'\"\\$&;()<>|*?`#~{}[]!") == std::string::npos)
+        return word;
+    std::string text;
+    for (const char c : word)
+        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return fmt::format("'{}'", text);
+}
+
+// As a shell takes it back.
 std::string quoted_command(int argc, const char* const* argv)
 {
     std::string command;
     for (int i = 0; i < argc; ++i) {
-        const std::string word = argv[i];
-        const bool plain = !word.empty() && word.find_first_of(" \t\n'\"\\$&;()<>|*?`") ==
-                                                std::string::npos;
         command += i == 0 ? "" : " ";
-        command += plain ? word : fmt::format("'{}'", word);
+        command += quoted(argv[i]);
     }
     return command;
 }
@@ -80,12 +89,16 @@ CLI::Option* describe(
     return option->group(group)->type_name(value)->description(text);
 }
 
-// The parser's own conversion takes what is too large for the largest number, and
-// what is no number as one.
+// The parser's own conversions take what is too large for the largest number, and a
+// leading zero for octal, which the sender does not.
 CLI::Validator whole()
 {
     return {
         [](std::string& text) {
+            const size_t digits = text.find_first_not_of("+-");
+            const size_t first = text.find_first_not_of('0', digits);
+            if (digits != std::string::npos)
+                text.erase(digits, std::min(first, text.size() - 1) - digits);
             errno = 0;
             (void)std::strtoull(text.c_str(), nullptr, 10);
             return errno == ERANGE ? fmt::format("{} is too large", text) : std::string();
@@ -93,16 +106,23 @@ CLI::Validator whole()
         ""};
 }
 
-CLI::Validator finite()
+CLI::Validator at_least(double least, bool inclusive)
 {
     return {
-        [](std::string& text) {
+        [=](std::string& text) {
             const double number = std::strtod(text.c_str(), nullptr);
-            return std::isfinite(number) ? std::string()
-                                         : fmt::format("{} is no finite number", text);
+            if (!std::isfinite(number))
+                return fmt::format("{} is no finite number", text);
+            if (number > least || (inclusive && number == least))
+                return std::string();
+            return fmt::format(
+                "{} is not {} {}", text, inclusive ? "at least" : "more than", least);
         },
         ""};
 }
+
+CLI::Validator positive() { return at_least(0, false); }
+CLI::Validator not_negative() { return at_least(0, true); }
 
 // A check whose limits are not shown beside the name.
 CLI::Validator quiet(CLI::Validator check) { return check.description(""); }
@@ -114,6 +134,7 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
         app.add_option("--ip", to.ip), group, "ADDRESS",
         "connect to it; UDP: listen on it (127.0.0.1)");
     describe(app.add_option("--port", raw.port), group, "N", "its port (9089)")
+        ->transform(whole())
         ->check(quiet(CLI::Range(1, 65535)));
     describe(
         app.add_option("--filepath", to.source.path), group, "PATH",
@@ -121,6 +142,7 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--filetype", raw.filetype), group, "0|1",
         "0: data files, 1: captures (0)")
+        ->transform(whole())
         ->check(quiet(CLI::Range(0, 1)));
     describe(
         app.add_option("--filter", to.source.filter), group, "TEXT",
@@ -128,6 +150,7 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--loopback", raw.passes), group, "N",
         "passes, 0: without end (1)")
+        ->transform(whole())
         ->check(quiet(CLI::Range(
             int64_t{std::numeric_limits<int32_t>::min()},
             int64_t{std::numeric_limits<uint32_t>::max()})));
@@ -140,8 +163,10 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
         "on which to join a multicast group");
     describe(
         app.add_option("--preload", raw.preload), group, "0|1",
-        "1: expect the order that this gives (0)");
-    describe(app.add_option("--debug", raw.debug), group, "N", "taken and ignored");
+        "1: expect the order that this gives (0)")
+        ->transform(whole());
+    describe(app.add_option("--debug", raw.debug), group, "N", "taken and ignored")
+        ->transform(whole());
 }
 
 void add_own_options(CLI::App& app, options& to, raw_values& raw)
@@ -150,22 +175,22 @@ void add_own_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--connect-timeout", to.connect_timeout_s), group, "SECONDS",
         "keep trying for so long (10)")
-        ->check(finite())
-        ->check(quiet(CLI::NonNegativeNumber));
+        ->check(not_negative());
     describe(
         app.add_option("--rcvbuf", raw.receive_buffer), group, "BYTES",
         "receive buffer, also as 8k, 64M\n(UDP: 64M, TCP: the kernel's choice)")
+        ->transform(whole())
         ->transform(quiet(CLI::AsSizeValue(false)))
-        ->check(quiet(CLI::PositiveNumber));
+        ->check(positive());
     describe(
         app.add_option("--window", raw.window), group, "N",
         "messages to look around for a lost place\n(4096)")
+        ->transform(whole())
         ->check(quiet(CLI::Range(1, 1 << 20)));
     describe(
         app.add_option("--tolerance", to.tolerance_percent), group, "PERCENT",
         "rate error that passes (0.5)")
-        ->check(finite())
-        ->check(quiet(CLI::NonNegativeNumber));
+        ->check(not_negative());
 }
 
 void add_end_options(CLI::App& app, options& to, raw_values& raw)
@@ -174,23 +199,20 @@ void add_end_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--settle", to.settle_s), group, "SECONDS",
         "listen on behind the expected total (0.2)")
-        ->check(finite())
-        ->check(quiet(CLI::NonNegativeNumber));
+        ->check(not_negative());
     describe(
         app.add_option("--idle", to.idle_s), group, "SECONDS",
         "of silence behind the first message (2)")
-        ->check(finite())
-        ->check(quiet(CLI::PositiveNumber));
+        ->check(positive());
     describe(app.add_option("--duration", raw.duration), group, "SECONDS", "in all")
-        ->check(finite())
-        ->check(quiet(CLI::PositiveNumber));
+        ->check(positive());
     describe(app.add_option("--messages", raw.messages), group, "N", "after so many")
-        ->check(whole())
-        ->check(quiet(CLI::PositiveNumber));
+        ->transform(whole())
+        ->check(positive());
     describe(app.add_option("--bytes", raw.bytes), group, "N", "after so many")
-        ->check(whole())
+        ->transform(whole())
         ->transform(quiet(CLI::AsSizeValue(false)))
-        ->check(quiet(CLI::PositiveNumber));
+        ->check(positive());
 }
 
 void add_output_options(CLI::App& app, options& to, raw_values& raw)

@@ -1,6 +1,7 @@
 // See source.h. Finds the files of a replay and picks their reader.
 #include "source.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -62,8 +63,10 @@ std::unique_ptr<message_source> open_source(const source_options& options)
     file_list list;
     list.passes = options.passes;
     list.files = source_files(options);
-    if (std::filesystem::is_directory(options.path))
-        list.entries = count_entries(options.path) - list.files.size();
+    if (std::filesystem::is_directory(options.path)) {
+        const uint64_t entries = count_entries(options.path);
+        list.entries = entries - std::min<uint64_t>(entries, list.files.size());
+    }
 
     // The sender takes only a single file into memory, and of a folder it then
     // sends nothing.

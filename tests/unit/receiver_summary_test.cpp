@@ -1,0 +1,627 @@
+// The summary for a terminal: what its sentences say for each way a run can go, that
+// it fits the terminal, and that no text from outside can steer it.
+#include <algorithm>
+#include <sstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "summary.h"
+
+namespace {
+
+using namespace receiver;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* ESCAPE = "\x1b";
+
+// 100,000 datagrams of 500 bytes as they should be.
+run_result as_expected()
+{
+    run_result run;
+    run.protocol = "udp";
+    run.address = "239.1.1.1:5000";
+    run.device = "eth0";
+    run.source = "day.pcap";
+    run.wanted_bps = 200e6;
+    run.rate_error_percent = -0.1;
+    run.buffer_wished = 64 << 20;
+    run.buffer_granted = 64 << 20;
+    run.verified.attempted = true;
+    run.verified.expected_messages = 100'000;
+    run.verified.expected_bytes = 50'000'000;
+    run.verified.matched_messages = 100'000;
+    run.verified.matched_bytes = 50'000'000;
+    run.measured.messages = 100'000;
+    run.measured.bytes = 50'000'000;
+    run.measured.duration_ns = 2'000'000'000;
+    run.measured.rate_bps = 199.8e6;
+    run.measured.gaps = {
+        99'999,
+        10'000,
+        100'000,
+        20'000,
+        20'000,
+        20'000,
+        20'000,
+        90'000,
+        {{10'000, 10'100, 1}, {20'000, 20'200, 99'997}, {99'000, 100'001, 1}}};
+    run.measured.sizes = {
+        100'000, 500, 500, 500, 500, 500, 500, 500, {{500, 501, 100'000}}};
+    return run;
+}
+
+run_result stream()
+{
+    run_result run = as_expected();
+    run.protocol = "tcp";
+    run.address = "127.0.0.1:9089";
+    run.device.clear();
+    return run;
+}
+
+fault found(fault_kind kind, uint64_t message, uint64_t length = 1)
+{
+    fault one;
+    one.kind = kind;
+    one.message = message;
+    one.length = length;
+    return one;
+}
+
+// Three messages lost from number 17 on, and number 40 altered.
+run_result with_faults()
+{
+    run_result run = as_expected();
+    run.status = exit_status::content;
+    run.reason = end_reason::idle;
+    run.verified.matched_messages = 99'996;
+    run.verified.counts = {3, 0, 0, 1, 0, 0};
+    run.verified.faults = {
+        found(fault_kind::lost, 17, 3), found(fault_kind::altered, 40)};
+    run.verified.faults[1].offset = 12;
+    run.verified.faults[1].arrival = 37;
+    run.verified.faults[1].expected = {0x00, 0xaa, 0x55};
+    run.verified.faults[1].received = {0x01, 0xaa, 0x55};
+    run.verified.fault_count = 2;
+    return run;
+}
+
+run_result without_source()
+{
+    run_result run = as_expected();
+    run.source.clear();
+    run.verified = {};
+    return run;
+}
+
+// Columns of each line, colours aside; no text here has wide characters.
+size_t widest_line(const std::string& text)
+{
+    std::istringstream lines(text);
+    size_t most = 0;
+    for (std::string line; std::getline(lines, line);) {
+        size_t columns = 0;
+        bool colour = false;
+        for (const char next : line) {
+            colour = colour || next == *ESCAPE;
+            const bool continues = (static_cast<unsigned char>(next) & 0xC0u) == 0x80;
+            columns += colour || continues ? 0 : 1;
+            colour = colour && next != 'm';
+        }
+        most = std::max(most, columns);
+    }
+    return most;
+}
+
+// ----------------------------------------------------------------------- verdicts
+
+TEST(ReceiverSummary, AGoodRunSaysHowMuchIsInItsPlace)
+{
+    EXPECT_EQ(
+        verdict_text(as_expected()),
+        "As expected: 100,000 messages, 50,000,000 bytes, every byte in its place.");
+    EXPECT_EQ(mood_of(as_expected()), mood::good);
+}
+
+TEST(ReceiverSummary, AGoodRunWithoutAnEndIsGoodUpToWhereItEnded)
+{
+    run_result run = as_expected();
+    run.verified.expected_bytes.reset();
+    run.verified.expected_messages.reset();
+    EXPECT_THAT(
+        verdict_text(run), EndsWith("every byte in its place up to the end of the run."));
+}
+
+TEST(ReceiverSummary, AnEmptySourceIsFulfilledByNothing)
+{
+    run_result run = as_expected();
+    run.measured = {};
+    run.verified.expected_messages = 0;
+    run.verified.expected_bytes = 0;
+    EXPECT_EQ(
+        verdict_text(run), "As expected: the source is empty, and nothing arrived.");
+}
+
+TEST(ReceiverSummary, WithoutASourceNothingIsClaimed)
+{
+    EXPECT_EQ(
+        verdict_text(without_source()),
+        "Received 100,000 messages, 50,000,000 bytes; not compared: no --filepath.");
+    EXPECT_EQ(mood_of(without_source()), mood::plain);
+    EXPECT_THAT(
+        summary_text(without_source(), 80, false),
+        HasSubstr("\nCompared  not compared: no --filepath\n"));
+}
+
+TEST(ReceiverSummary, UnknownMessagesAreCalledReads)
+{
+    run_result run = without_source();
+    run.measured.framed = false;
+    EXPECT_THAT(verdict_text(run), StartsWith("Received 100,000 reads, "));
+}
+
+TEST(ReceiverSummary, FaultsAreCountedByKindAndTheFirstIsPlaced)
+{
+    EXPECT_EQ(
+        verdict_text(with_faults()),
+        "3 messages lost, 1 altered: 99,996 of 100,000 messages arrived whole, "
+        "first fault at messages 17 to 19.");
+    EXPECT_EQ(mood_of(with_faults()), mood::bad);
+}
+
+TEST(ReceiverSummary, FaultsOfAStreamAreCountedInBytes)
+{
+    run_result run = stream();
+    run.status = exit_status::content;
+    run.verified.matched_bytes = 49'999'990;
+    run.verified.counts = {10, 0, 0, 0, 0, 0};
+    run.verified.faults = {found(fault_kind::lost, 3, 10)};
+    run.verified.faults[0].offset = 20'500;
+    EXPECT_EQ(
+        verdict_text(run), "10 bytes lost: 49,999,990 of 50,000,000 bytes arrived "
+                           "whole, first fault at offset 20,500.");
+}
+
+TEST(ReceiverSummary, OwnDropsLeaveTheRunUndecided)
+{
+    run_result run = with_faults();
+    run.status = exit_status::undecided;
+    run.own_drops = 5;
+    EXPECT_EQ(
+        verdict_text(run), "Undecided: 3 messages lost, but this receiver itself "
+                           "dropped 5; the sender may have sent them all.");
+    EXPECT_EQ(mood_of(run), mood::doubtful);
+}
+
+TEST(ReceiverSummary, AWrongRateIsTheOnlyThingWrong)
+{
+    run_result run = as_expected();
+    run.status = exit_status::rate;
+    run.rate_error_percent = 3.25;
+    run.measured.rate_bps = 206.5e6;
+    EXPECT_EQ(
+        verdict_text(run), "Wrong rate: 206.5 Mbps instead of 200 Mbps, which is "
+                           "+3.25% off (tolerance 0.5%); the content is as expected.");
+    EXPECT_EQ(mood_of(run), mood::doubtful);
+    run.verified = {};
+    EXPECT_THAT(
+        verdict_text(run), EndsWith("the content was not compared (no --filepath)."));
+}
+
+TEST(ReceiverSummary, AnEarlyEndSaysHowMuchWasRightAndWhyItEnded)
+{
+    run_result run = as_expected();
+    run.status = exit_status::early;
+    run.reason = end_reason::signal;
+    run.verified.matched_messages = 400;
+    EXPECT_EQ(
+        verdict_text(run), "Ended early: 400 of 100,000 messages arrived, all as they "
+                           "should, then a signal ended the run.");
+}
+
+TEST(ReceiverSummary, NothingArrivedIsSaidAtOnce)
+{
+    run_result run = as_expected();
+    run.status = exit_status::early;
+    run.reason = end_reason::duration;
+    run.measured = {};
+    EXPECT_EQ(verdict_text(run), "Nothing arrived: the time was up (--duration).");
+}
+
+TEST(ReceiverSummary, AFailureIsToldWithItsProblemOnce)
+{
+    run_result run = as_expected();
+    run.status = exit_status::file;
+    run.problems = {"cannot write day.json: disk full"};
+    const std::string text = summary_text(run, 80, false);
+    EXPECT_THAT(text, StartsWith("A file failed: cannot write day.json: disk full.\n"));
+    EXPECT_THAT(text, Not(HasSubstr("Problems")));
+    run.status = exit_status::connection;
+    EXPECT_THAT(verdict_text(run), StartsWith("No connection: cannot write"));
+}
+
+TEST(ReceiverSummary, OtherProblemsAreListed)
+{
+    run_result run = with_faults();
+    run.problems = {"one thing", "another"};
+    EXPECT_THAT(
+        summary_text(run, 80, false),
+        HasSubstr("\nProblems  one thing\n          another\n"));
+}
+
+TEST(ReceiverSummary, AnUnreadableSourceIsTheProblem)
+{
+    run_result run = as_expected();
+    run.status = exit_status::file;
+    run.verified.source_error = "day.pcap is cut off";
+    EXPECT_EQ(verdict_text(run), "A file failed: day.pcap is cut off.");
+    EXPECT_THAT(
+        comparison_text(run), HasSubstr("the source ends early: day.pcap is cut off"));
+}
+
+// -------------------------------------------------------------------------- lines
+
+TEST(ReceiverSummary, TheExitStatusIsShownWithItsMeaning)
+{
+    EXPECT_THAT(
+        summary_text(as_expected(), 80, false),
+        HasSubstr("\nExit      status 0: as expected\n"));
+    EXPECT_THAT(
+        summary_text(with_faults(), 80, false),
+        HasSubstr(
+            "\nExit      status 1: content differs, is lost, duplicated or out of order\n"));
+}
+
+TEST(ReceiverSummary, WhatArrivedIsShownFromWhereAndHowFast)
+{
+    EXPECT_THAT(
+        summary_text(as_expected(), 80, false),
+        AllOf(
+            HasSubstr(
+                "\nReceived  100,000 messages, 50,000,000 bytes (47.7 MiB) in 2 s\n"),
+            HasSubstr("\nFrom      udp 239.1.1.1:5000 on eth0\n"),
+            HasSubstr("\nCompared  with day.pcap: 100,000 of 100,000 messages whole\n"),
+            HasSubstr(
+                "\nRate      199.8 Mbps, wanted 200 Mbps, error -0.1% (tolerance 0.5%)\n")));
+}
+
+TEST(ReceiverSummary, ARateNeedsTwoArrivals)
+{
+    run_result run = as_expected();
+    run.measured.duration_ns = 0;
+    EXPECT_EQ(rate_line(run), "none: it takes two arrivals to measure one");
+}
+
+TEST(ReceiverSummary, AStreamThatWasNotMatchedAgainSaysSo)
+{
+    run_result run = stream();
+    run.verified.gave_up = true;
+    EXPECT_THAT(
+        comparison_text(run), EndsWith("; no match found again after the last fault"));
+}
+
+TEST(ReceiverSummary, AFullBufferWithoutDropsNeedsNoAdvice)
+{
+    EXPECT_EQ(
+        buffer_text(as_expected()), "64 MiB granted as wished; nothing dropped here");
+    EXPECT_THAT(advice_text(as_expected()), IsEmpty());
+}
+
+TEST(ReceiverSummary, ASmallBufferComesWithTheCommandThatEnlargesIt)
+{
+    run_result run = as_expected();
+    run.buffer_granted = 425'984;
+    EXPECT_EQ(buffer_text(run), "416 KiB granted of 64 MiB wished; nothing dropped here");
+    EXPECT_EQ(
+        advice_text(run), "For the whole buffer raise the kernel's limit (sysctl -w "
+                          "net.core.rmem_max=67108864) or run with CAP_NET_ADMIN.");
+}
+
+TEST(ReceiverSummary, DropsInAFullBufferAskForALargerOne)
+{
+    run_result run = as_expected();
+    run.own_drops = 1;
+    EXPECT_THAT(buffer_text(run), EndsWith("; 1 message dropped here"));
+    EXPECT_THAT(
+        advice_text(run), AllOf(
+                              HasSubstr("--rcvbuf"), HasSubstr("net.core.rmem_max"),
+                              HasSubstr("CAP_NET_ADMIN")));
+}
+
+TEST(ReceiverSummary, AStreamHasNoDropsToSpeakOf)
+{
+    run_result run = stream();
+    run.buffer_granted = 1024;
+    EXPECT_EQ(buffer_text(run), "1 KiB granted of 64 MiB wished");
+    EXPECT_THAT(advice_text(run), IsEmpty());
+}
+
+TEST(ReceiverSummary, GapsAndSizesStandInColumns)
+{
+    EXPECT_THAT(
+        summary_text(as_expected(), 80, false),
+        HasSubstr(
+            "                  min        p50        p90        p99      p99.9        max\n"
+            "Gaps            10 us      20 us      20 us      20 us      90 us     100 us\n"
+            "Sizes (B)         500        500        500        500        500        500\n"));
+}
+
+TEST(ReceiverSummary, NarrowTerminalsShowThemInRows)
+{
+    EXPECT_THAT(
+        summary_text(as_expected(), 60, false),
+        HasSubstr("                 Gaps  Sizes (B)\n"
+                  "min             10 us        500\n"
+                  "p50             20 us        500\n"));
+}
+
+TEST(ReceiverSummary, GapsAreDrawnWithTheLongestBarForTheMost)
+{
+    // Gaps of 10 us and 100 us are one each of 99,999.
+    EXPECT_THAT(
+        summary_text(as_expected(), 40, false), HasSubstr("Gaps between arrivals\n"));
+    const std::string text = summary_text(as_expected(), 80, false);
+    EXPECT_THAT(text, HasSubstr("  <0.1%  \u258f\n"));
+    EXPECT_THAT(
+        text, HasSubstr(" 100.0%  \u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588"));
+}
+
+TEST(ReceiverSummary, TheHistogramHasTwelveRowsAtMost)
+{
+    run_result run = as_expected();
+    run.measured.gaps.bins = {{1, 2, 1}, {1ULL << 62, 1ULL << 63, 1}};
+    run.measured.gaps.min = 1;
+    run.measured.gaps.max = (1ULL << 63) - 1;
+    const std::string text = summary_text(run, 80, false);
+    const size_t start = text.find("Gaps between arrivals\n");
+    ASSERT_NE(start, std::string::npos);
+    EXPECT_LE(
+        std::count(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), '\n'),
+        13);
+}
+
+TEST(ReceiverSummary, NothingArrivedShowsNoFigures)
+{
+    run_result run = as_expected();
+    run.measured = {};
+    EXPECT_THAT(
+        summary_text(run, 80, false),
+        AllOf(Not(HasSubstr("p50")), Not(HasSubstr("Gaps"))));
+}
+
+// -------------------------------------------------------------------------- faults
+
+TEST(ReceiverSummary, AFaultInDatagramsNamesMessageAndDatagram)
+{
+    const run_result run = with_faults();
+    fault one = found(fault_kind::duplicated, 1200, 2);
+    one.arrival = 1198;
+    EXPECT_EQ(fault_place(run, one), "messages 1,200 to 1,201");
+    EXPECT_EQ(fault_text(run, one), "duplicated (datagrams 1,198 to 1,199)");
+    EXPECT_EQ(fault_text(run, run.verified.faults[0]), "lost");
+    EXPECT_EQ(
+        fault_text(run, run.verified.faults[1]),
+        "altered from its byte 12 on (datagram 37)");
+}
+
+TEST(ReceiverSummary, SomethingUnexpectedStandsBeforeTheMessageThatWasDue)
+{
+    fault one = found(fault_kind::unexpected, 9, 3);
+    one.arrival = 9;
+    EXPECT_EQ(fault_place(with_faults(), one), "before message 9");
+    EXPECT_EQ(fault_text(with_faults(), one), "unexpected (datagrams 9 to 11)");
+}
+
+TEST(ReceiverSummary, AFaultInAStreamNamesItsOffsetAndItsMessage)
+{
+    fault one = found(fault_kind::truncated, 3, 5000);
+    one.offset = 20'500;
+    one.offset_in_message = 20;
+    EXPECT_EQ(fault_place(stream(), one), "offset 20,500");
+    EXPECT_EQ(
+        fault_text(stream(), one), "5,000 bytes truncated (message 3, its byte 20)");
+}
+
+TEST(ReceiverSummary, FaultsAreListedOnePerLineWithBothSidesOfTheFirstDifference)
+{
+    EXPECT_THAT(
+        summary_text(with_faults(), 80, false),
+        EndsWith("\nFaults\n"
+                 "  messages 17 to 19  lost\n"
+                 "  message 40         altered from its byte 12 on (datagram 37)\n"
+                 "\nFirst difference in content, at message 40\n"
+                 "  expected  00 aa 55\n"
+                 "  received  01 aa 55\n"));
+}
+
+TEST(ReceiverSummary, OnlyTheFirstTenFaultsAreListed)
+{
+    run_result run = with_faults();
+    run.verified.faults.assign(1000, found(fault_kind::lost, 5));
+    run.verified.fault_count = 5000;
+    const std::string text = summary_text(run, 80, false);
+    EXPECT_THAT(text, EndsWith("  message 5  lost\n  and 4,990 more\n"));
+    size_t lines = 0;
+    for (size_t at = text.find("\n  message 5"); at != std::string::npos;
+         at = text.find("\n  message 5", at + 1))
+        ++lines;
+    EXPECT_EQ(lines, 10u);
+}
+
+TEST(ReceiverSummary, NarrowTerminalsShowAsManyBytesAsFit)
+{
+    run_result run = with_faults();
+    run.verified.faults[1].expected.assign(16, 0x11);
+    run.verified.faults[1].received.clear();
+    EXPECT_THAT(
+        summary_text(run, 40, false),
+        EndsWith("\n  expected  11 11 11 11 11 11 11 11 11\n  received  -\n"));
+}
+
+// ------------------------------------------------------------------ width and colour
+
+TEST(ReceiverSummary, NoLineIsWiderThanTheTerminal)
+{
+    run_result run = with_faults();
+    run.source = "/a/very/long/path/" + std::string(200, 'x') + "/with words/day.pcap";
+    run.problems = {std::string(300, 'y')};
+    run.buffer_granted = 1;
+    run.own_drops = 1'000'000'000;
+    run.measured.messages = run.measured.bytes = UINT64_MAX;
+    run.measured.duration_ns = UINT64_MAX;
+    run.measured.gaps.max = UINT64_MAX;
+    run.verified.faults[0].message = UINT64_MAX - 10;
+    for (unsigned columns = 40; columns <= 200; ++columns) {
+        EXPECT_LE(widest_line(summary_text(run, columns, true)), columns);
+        EXPECT_LE(widest_line(summary_text(stream(), columns, true)), columns);
+    }
+}
+
+TEST(ReceiverSummary, NoLineEndsInSpaces)
+{
+    run_result run = as_expected();
+    run.measured.gaps.bins[1] = {1'000'000, 1'010'000, 99'997};
+    run.measured.gaps.max = 1'009'999;
+    EXPECT_THAT(summary_text(run, 80, false), Not(HasSubstr(" \n")));
+}
+
+TEST(ReceiverSummary, LessThanFortyColumnsAreTakenAsForty)
+{
+    EXPECT_EQ(
+        summary_text(with_faults(), 0, false), summary_text(with_faults(), 40, false));
+}
+
+TEST(ReceiverSummary, ColourIsForTheVerdictAndTheFaultsWords)
+{
+    const std::string text = summary_text(with_faults(), 120, true);
+    EXPECT_THAT(text, StartsWith("\x1b[1;31m3 messages lost, 1 altered: "));
+    EXPECT_THAT(
+        text, HasSubstr("\n  message 40         \x1b[1;31maltered\x1b[0m from its"));
+    EXPECT_THAT(
+        summary_text(as_expected(), 80, true), StartsWith("\x1b[1;32mAs expected"));
+}
+
+TEST(ReceiverSummary, WithoutColourThereIsNoEscape)
+{
+    run_result run = with_faults();
+    run.source = "\x1b]0;title\a";
+    run.problems = {"\x1b[2J"};
+    EXPECT_THAT(summary_text(run, 80, false), Not(HasSubstr(ESCAPE)));
+}
+
+// ---------------------------------------------------------------------------- plans
+
+plan_result plan_of_two_passes()
+{
+    plan_result plan;
+    plan.source = "/data/day";
+    plan.files = 3;
+    plan.passes = 2;
+    plan.messages = 200'000;
+    plan.bytes = 100'000'000;
+    plan.sizes = {200'000, 500, 500, 500, 500, 500, 500, 500, {{500, 501, 200'000}}};
+    plan.sha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+    return plan;
+}
+
+TEST(ReceiverSummary, APlanSaysWhatWouldBeSent)
+{
+    plan_result plan = plan_of_two_passes();
+    plan.wanted_bps = 200e6;
+    plan.seconds = 4;
+    EXPECT_EQ(
+        plan_text(plan, 80, false),
+        "The sender would send 200,000 messages, 100,000,000 bytes.\n"
+        "\n"
+        "Source    /data/day (3 files, 2 passes)\n"
+        "Amount    95.4 MiB\n"
+        "Takes     4 s at 200 Mbps\n"
+        "SHA-256   e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855\n"
+        "Left out  nothing\n"
+        "\n"
+        "                  min        p50        p90        p99      p99.9        max\n"
+        "Sizes (B)         500        500        500        500        500        500\n");
+}
+
+TEST(ReceiverSummary, APlanWithoutARateTakesWhatTheReceiverTakes)
+{
+    EXPECT_THAT(
+        plan_text(plan_of_two_passes(), 80, false),
+        HasSubstr("\nTakes     as fast as the receiver takes it: no --mbps\n"));
+}
+
+TEST(ReceiverSummary, AnEndlessPlanCountsOnePass)
+{
+    plan_result plan = plan_of_two_passes();
+    plan.passes = 0;
+    plan.wanted_bps = 8;
+    plan.seconds = 60;
+    EXPECT_THAT(
+        plan_text(plan, 100, false),
+        AllOf(
+            StartsWith(
+                "The sender would send 200,000 messages, 100,000,000 bytes over and "
+                "over, until stopped.\n"),
+            HasSubstr("(3 files, endless)\n"),
+            HasSubstr("1 min 00 s at 8 bps, each pass\n")));
+}
+
+TEST(ReceiverSummary, APlanOfNothingSaysSo)
+{
+    EXPECT_THAT(plan_text({}, 80, false), StartsWith("The sender would send nothing.\n"));
+}
+
+TEST(ReceiverSummary, APlanSaysWhatIsLeftOutAndWhatToBewareOf)
+{
+    plan_result plan = plan_of_two_passes();
+    plan.omitted = {1200, 1, 2, 1, 2};
+    plan.noted = {3, 4, 1, 1};
+    plan.notes = {"b.pcap: a note"};
+    EXPECT_THAT(
+        plan_text(plan, 80, false),
+        HasSubstr("\nLeft out  1,200 frames that the filter does not let through\n"
+                  "          1 frame without payload\n"
+                  "          2 frames shorter than the headers\n"
+                  "          1 capture that cannot take the filter\n"
+                  "          2 entries of the folder that the sender does not read\n"
+                  "Beware    3 frames of which the capture holds only a part\n"
+                  "          4 payloads longer than a message: sent in several\n"
+                  "          1 capture not of Ethernet frames: cut in the wrong place\n"
+                  "          1 capture ending in the middle of a record\n"
+                  "          b.pcap: a note\n"));
+}
+
+TEST(ReceiverSummary, APlanThatWouldEndEarlySaysWhy)
+{
+    plan_result plan = plan_of_two_passes();
+    plan.status = exit_status::file;
+    plan.source_error = "cannot open b.pcap";
+    EXPECT_THAT(
+        plan_text(plan, 80, false),
+        HasSubstr("\nIt would end there: cannot open b.pcap\n"));
+    EXPECT_THAT(
+        plan_text(plan, 80, false),
+        HasSubstr("\nExit      status 6: a file cannot be read or written\n"));
+}
+
+TEST(ReceiverSummary, NoLineOfAPlanIsWiderThanTheTerminal)
+{
+    plan_result plan = plan_of_two_passes();
+    plan.source = std::string(200, 'x');
+    plan.omitted = {1200, 1, 2, 1, 2};
+    plan.notes = {"words and more words " + std::string(100, 'y')};
+    plan.messages = plan.bytes = UINT64_MAX;
+    plan.wanted_bps = 1;
+    plan.seconds = 1e18;
+    for (unsigned columns = 40; columns <= 120; ++columns)
+        EXPECT_LE(widest_line(plan_text(plan, columns, true)), columns);
+}
+
+} // namespace
