@@ -23,7 +23,7 @@ distribution figures()
     values.p90 = 15;
     values.p99 = 16;
     values.p999 = 17;
-    values.bins = {{1, 2, 3}, {2, 4, 0}};
+    values.bins = {{1, 2, 3}, {2, 4, 0}, {4, 8, 1}}; // an empty one is left out
     return values;
 }
 
@@ -118,7 +118,7 @@ TEST(ReceiverJson, AMeasurementIsThereWithAllItsFigures)
     const json gaps = json::parse(R"({"count": 11, "min_ns": 12, "max_ns": 13,
         "mean_ns": 12.5, "p50_ns": 14, "p90_ns": 15, "p99_ns": 16, "p99_9_ns": 17,
         "bins": [{"low_ns": 1, "high_ns": 2, "count": 3},
-                 {"low_ns": 2, "high_ns": 4, "count": 0}]})");
+                 {"low_ns": 4, "high_ns": 8, "count": 1}]})");
     const json document = parsed(run).at("measured");
     EXPECT_EQ(document["framed"], false);
     EXPECT_EQ(document["messages"], 21);
