@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -39,13 +40,12 @@ capture_reader::opened capture_reader::open(
     size_ = static_cast<int64_t>(std::filesystem::file_size(path, ignored));
     if (::pcap_datalink(capture_) != DLT_EN10MB) {
         ++notes_.noted.odd_link_files;
-        notes_.sentences.push_back(fmt::format(
+        note(fmt::format(
             "{}: {}, not Ethernet: its payloads are cut at the wrong place", path,
             link_name(::pcap_datalink(capture_))));
     }
     if (::pcap_compile(capture_, &program_, expression.c_str(), 1, 0) < 0) {
-        notes_.sentences.push_back(
-            fmt::format("{}: refuses the filter: {}", path, ::pcap_geterr(capture_)));
+        note(fmt::format("{}: refuses the filter: {}", path, ::pcap_geterr(capture_)));
         return opened::refused;
     }
     has_program_ = true;
@@ -95,13 +95,19 @@ bool capture_reader::next_payload()
     return true;
 }
 
+// An endless replay would have endlessly much to tell.
+void capture_reader::note(std::string sentence)
+{
+    if (noting_)
+        notes_.sentences.push_back(std::move(sentence));
+}
+
 void capture_reader::note_end(int result)
 {
     if (result == PCAP_ERROR_BREAK)
         return;
     ++notes_.noted.broken_files;
-    notes_.sentences.push_back(
-        fmt::format("{}: ends early: {}", path_, ::pcap_geterr(capture_)));
+    note(fmt::format("{}: ends early: {}", path_, ::pcap_geterr(capture_)));
 }
 
 bool capture_reader::is_possible(const pcap_pkthdr& header)

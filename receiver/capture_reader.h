@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include <pcap/pcap.h>
@@ -44,11 +43,13 @@ public:
 
     const std::string& error() const { return error_; }
     const source_notes& notes() const { return notes_; }
+    void stop_noting() { noting_ = false; }
 
 private:
     bool next_payload();
     void take_payload(const pcap_pkthdr& header, const u_char* frame);
     bool is_possible(const pcap_pkthdr& header);
+    void note(std::string sentence);
     void note_end(int result);
 
     std::string path_;
@@ -59,7 +60,8 @@ private:
     vesk::details::DataType transport_{vesk::details::DataType::UNKNOWN};
     bytes_view rest_; // of the payload, in libpcap's frame
     std::string error_;
-    source_notes notes_; // of all captures opened
+    bool noting_{true};
+    source_notes notes_; // of all captures opened while noting
 };
 
 } // namespace receiver

@@ -1,7 +1,6 @@
 // See capture_source.h.
 #include "capture_source.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace receiver {
@@ -57,6 +56,7 @@ bool capture_source::next_pass()
 {
     if (!first_pass_)
         first_pass_ = reader_.notes();
+    reader_.stop_noting();
     if (pass_ + 1 == list_.passes || pass_was_empty_)
         return false;
     ++pass_;

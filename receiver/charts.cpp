@@ -14,33 +14,6 @@
 
 namespace receiver {
 
-std::string html_text(std::string_view text)
-{
-    std::string safe;
-    for (const char next : printable(text)) {
-        switch (next) {
-        case '&':
-            safe += "&amp;";
-            break;
-        case '<':
-            safe += "&lt;";
-            break;
-        case '>':
-            safe += "&gt;";
-            break;
-        case '"':
-            safe += "&quot;";
-            break;
-        case '\'':
-            safe += "&#39;";
-            break;
-        default:
-            safe += next;
-        }
-    }
-    return safe;
-}
-
 namespace {
 
 // Where a chart lies within its drawing, in the drawing's units.

@@ -83,7 +83,9 @@ verification datagram_verifier::finish(bool rest_is_due)
     for (gap& missing : gaps_)
         close_gap(missing);
     gaps_.clear();
-    report_strangers();
+    for (const datagram& stranger : strangers_)
+        report_stranger(stranger, log_);
+    strangers_.clear();
     if (!ahead_.has_due()) {
         result_.expected_messages = ahead_.number() - 1;
         result_.expected_bytes = ahead_.bytes_read();
@@ -102,7 +104,8 @@ bool datagram_verifier::match_in_step(uint64_t arrival, bytes_view payload)
     while (ahead_.has_due()) {
         const bool same = is_same(payload, ahead_.due());
         if (ahead_.due_has_arrived()) {
-            if (same) {
+            // An equal one that is still to come wants the datagram more.
+            if (same && !ahead_.find(ahead_.at(0).key, 0)) {
                 log_.add_to_run(
                     of_datagram(fault_kind::duplicated, ahead_.number(), arrival));
                 return true;
@@ -112,6 +115,7 @@ bool datagram_verifier::match_in_step(uint64_t arrival, bytes_view payload)
         }
         if (!same)
             return false;
+        looked_far_ = false;
         note_match(ahead_.number(), arrival, payload.size());
         pass_due(ahead_.held() != 0 ? ahead_.at(0).key : key_of(payload), true);
         expire();
@@ -186,45 +190,74 @@ bool datagram_verifier::settle_first(outlook after)
 {
     const bool last_try = after != outlook::open ||
                           astray_.size() >= std::max<size_t>(window_, 16) + ANCHOR;
-    ahead_.hold(
-        ANCHOR + (last_try ? window_ : std::min<uint64_t>(astray_.size(), window_)));
+    const size_t reach =
+        ANCHOR + (last_try ? window_ : std::min<uint64_t>(astray_.size(), window_));
+    ahead_.hold(reach);
     if (!ahead_.has_due()) {
         settle({astray_.size(), 0}); // surplus behind the end
         return true;
     }
     bool certain = false;
-    const std::optional<part> apart = meeting(after, certain);
+    std::optional<part> apart = meeting(after, reach, certain);
     if (!certain && !last_try) {
         const size_t step = astray_.size() < 64 ? 1 : astray_.size() / 4;
         next_try_ = astray_.size() + step;
         return false;
     }
+    if (!apart && !looked_far_ && nothing_fits())
+        apart = meeting_far_ahead(after);
     settle(apart ? *apart : first_part(after));
     return true;
+}
+
+// More than a window may have been lost in one go, by this machine's own buffer too.
+// The source is then read on, to where both sides meet.
+std::optional<datagram_verifier::part> datagram_verifier::meeting_far_ahead(outlook after)
+{
+    const size_t furthest = window_ * FURTHEST_WINDOWS;
+    for (size_t reach = 2 * window_; reach <= furthest; reach *= 4) {
+        ahead_.hold(reach);
+        bool certain = false;
+        if (const auto apart = meeting(after, reach, certain))
+            return apart;
+        if (ahead_.source_ended() || ahead_.held_bytes() > FURTHEST_LOOK)
+            break;
+    }
+    looked_far_ = true;
+    return std::nullopt;
+}
+
+bool datagram_verifier::nothing_fits() const
+{
+    return std::none_of(astray_.begin(), astray_.end(), [this](const datagram& each) {
+        return ahead_.find(each.key, 0).has_value();
+    });
 }
 
 // How far both sides are apart, if they can be seen to meet again. It is certain
 // when no cheaper explanation can show up.
 std::optional<datagram_verifier::part> datagram_verifier::meeting(
-    outlook after, bool& certain) const
+    outlook after, size_t reach, bool& certain) const
 {
+    reach = std::min(reach, ahead_.held());
     std::vector<uint64_t> received;
     for (const datagram& each : astray_)
         received.push_back(each.key.low);
     std::vector<uint64_t> expected;
     std::vector<size_t> places; // of these in ahead_: what came early is not awaited
-    for (size_t i = 0; i < ahead_.held(); ++i) {
+    for (size_t i = 0; i < reach; ++i) {
         if (ahead_.at(i).arrived)
             continue;
         expected.push_back(ahead_.at(i).key.low);
         places.push_back(i);
     }
-    places.push_back(ahead_.held());
+    places.push_back(reach);
 
     auto best = find_meeting_point<uint64_t>(received, expected, ANCHOR, certain);
     if (best && stands_for_others({best->received, best->expected}, expected))
         best->expected = best->received;
-    if (!certain && after == outlook::closed && ahead_.source_ended()) {
+    const bool to_the_end = ahead_.source_ended() && reach == ahead_.held();
+    if (!certain && after == outlook::closed && to_the_end) {
         const meeting_point end = common_end<uint64_t>(received, expected);
         if (!best || is_better(end, *best))
             best = end;
@@ -292,6 +325,7 @@ void datagram_verifier::settle(part apart)
             note_match(*numbers[i], each.arrival, each.payload.size());
         } else if (!settle_extra(each)) {
             each.due = furthest_ + 1;
+            stranger_bytes_ += each.payload.size();
             strangers_.push_back(std::move(each));
         }
         for (; furthest_ != before && placed < strangers_.size(); ++placed)
@@ -403,19 +437,28 @@ void datagram_verifier::close_gap(gap& missing)
         lost_some_ = true;
 }
 
-// Those of whose place nothing is missing, nor can be later.
+// Those of whose place nothing is missing, nor can be later; and the oldest when they
+// are too many.
 void datagram_verifier::report_strangers()
 {
     const uint64_t settled =
         gaps_.empty() ? ahead_.number() : gaps_.front().front().number;
-    const auto belongs_nowhere = [settled](const datagram& stranger) {
-        return stranger.next <= settled;
-    };
-    for (const datagram& stranger : strangers_) {
-        if (belongs_nowhere(stranger))
+    const bool too_many =
+        stranger_bytes_ > MOST_STRANGERS || strangers_.size() > 4 * window_;
+    if (settled == strangers_settled_ && !too_many)
+        return;
+    strangers_settled_ = settled;
+    size_t surplus = too_many ? strangers_.size() / 2 : 0;
+    stranger_bytes_ = 0;
+    std::erase_if(strangers_, [&](const datagram& stranger) {
+        if (stranger.next <= settled || surplus != 0) {
+            surplus -= std::min<size_t>(surplus, 1);
             report_stranger(stranger, log_);
-    }
-    std::erase_if(strangers_, belongs_nowhere);
+            return true;
+        }
+        stranger_bytes_ += stranger.payload.size();
+        return false;
+    });
 }
 
 // All that the source still has is missing. A part at a time, so that it need not

@@ -2,6 +2,7 @@
 // Knows neither clock nor socket.
 #pragma once
 
+#include <boost/container_hash/hash.hpp>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +39,10 @@ public:
     // Every message of the source has arrived.
     bool complete();
 
+    // Every message of the source has been passed, arrived or not. One that comes
+    // later may still heal a loss.
+    bool exhausted() const { return !ahead_.has_due(); }
+
     // How many faults have been seen; a later arrival may still heal some.
     uint64_t fault_count() const { return log_.fault_count() + gaps_.size(); }
 
@@ -47,15 +52,16 @@ public:
 
 private:
     enum : size_t { ANCHOR = 4 }; // messages in a row that show the step
+    // How far to look beyond the window when nothing within it fits, and how many
+    // strangers to keep for a place among missing messages; in bytes of payload.
+    static constexpr uint64_t FURTHEST_LOOK = uint64_t{64} << 20U;
+    static constexpr uint64_t FURTHEST_WINDOWS = 32;
+    static constexpr uint64_t MOST_STRANGERS = uint64_t{64} << 20U;
 
     // So many datagrams stand in the place of so many messages.
     struct part {
         size_t received;
         size_t expected;
-    };
-
-    struct hash_of_key {
-        size_t operator()(const datagram_key& key) const { return key.low; }
     };
 
     // The step of both sides.
@@ -72,9 +78,11 @@ private:
     };
     void resolve(outlook after);
     bool settle_first(outlook after);
-    std::optional<part> meeting(outlook after, bool& certain) const;
+    std::optional<part> meeting(outlook after, size_t reach, bool& certain) const;
     bool stands_for_others(part apart, const std::vector<uint64_t>& expected) const;
     bool is_stranger(const datagram_key& key) const;
+    std::optional<part> meeting_far_ahead(outlook after);
+    bool nothing_fits() const;
     part first_part(outlook after) const;
     void settle(part apart);
     std::vector<std::optional<uint64_t>> pair_by_key(part apart);
@@ -100,9 +108,13 @@ private:
     std::deque<datagram_key> passed_;
     boost::unordered_flat_map<datagram_key, uint64_t> seen_;
     std::deque<gap> gaps_; // in order of position, none of them empty
-    std::unordered_multimap<datagram_key, uint64_t, hash_of_key> missing_; // of gaps_
+    std::unordered_multimap<datagram_key, uint64_t, boost::hash<datagram_key>>
+        missing_;                     // of gaps_
     std::vector<datagram> strangers_; // in order of arrival
-    bool lost_some_{false};           // of the messages that can no longer come late
+    uint64_t stranger_bytes_{0};
+    uint64_t strangers_settled_{0}; // those of places up to here have been reported
+    bool looked_far_{false};        // in vain, since both sides came apart
+    bool lost_some_{false};         // of the messages that can no longer come late
     fault_log log_;
     verification result_;
 };

@@ -233,6 +233,33 @@ std::string printable(std::string_view text)
     return safe;
 }
 
+std::string html_text(std::string_view text)
+{
+    std::string safe;
+    for (const char next : printable(text)) {
+        switch (next) {
+        case '&':
+            safe += "&amp;";
+            break;
+        case '<':
+            safe += "&lt;";
+            break;
+        case '>':
+            safe += "&gt;";
+            break;
+        case '"':
+            safe += "&quot;";
+            break;
+        case '\'':
+            safe += "&#39;";
+            break;
+        default:
+            safe += next;
+        }
+    }
+    return safe;
+}
+
 size_t columns_of(std::string_view text)
 {
     size_t columns = 0;

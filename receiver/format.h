@@ -51,6 +51,12 @@ std::string hex_text(std::span<const uint8_t> bytes, std::string_view between = 
 // byte becomes "\x1b" and the like.
 std::string printable(std::string_view text);
 
+// The sign for microseconds in a page, as duration_text() takes it.
+inline constexpr std::string_view MICRO = "\u00b5s";
+
+// printable() text that is safe within the page's and its drawings' tags and quotes.
+std::string html_text(std::string_view text);
+
 // How many terminal columns a printable text takes.
 size_t columns_of(std::string_view text);
 

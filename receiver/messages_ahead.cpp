@@ -1,8 +1,6 @@
 // See messages_ahead.h.
 #include "messages_ahead.h"
 
-#include <utility>
-
 namespace receiver {
 
 messages_ahead::messages_ahead(message_source& source) : source_(source)
@@ -69,7 +67,8 @@ bool messages_ahead::read(bytes_view& payload)
 void messages_ahead::push(bytes_view payload)
 {
     const uint64_t place = number_ + held_.size();
-    held_.push_back({key_of(payload), {payload.begin(), payload.end()}});
+    held_bytes_ += payload.size();
+    held_.push_back({key_of(payload), {payload.begin(), payload.end()}, payload.size()});
     const auto [entry, is_new] =
         places_.try_emplace(held_.back().key, chain{place, place});
     if (is_new)
@@ -82,6 +81,7 @@ void messages_ahead::push(bytes_view payload)
 void messages_ahead::pop()
 {
     const message& oldest = held_.front();
+    held_bytes_ -= oldest.size;
     const auto entry = places_.find(oldest.key);
     if (oldest.next_alike == 0)
         places_.erase(entry);

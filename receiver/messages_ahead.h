@@ -18,7 +18,8 @@ class messages_ahead {
 public:
     struct message {
         datagram_key key;
-        std::vector<uint8_t> payload;
+        std::vector<uint8_t> payload; // may be moved away when the message is passed
+        size_t size{0};
         bool arrived{false}; // before it was due
         uint64_t next_alike{0};
     };
@@ -41,6 +42,7 @@ public:
     // Holds `count` messages from the one that is due on, or all there are.
     void hold(size_t count);
     size_t held() const { return held_.size(); }
+    uint64_t held_bytes() const { return held_bytes_; } // of payload
     message& at(size_t i) { return held_[i]; }
     const message& at(size_t i) const { return held_[i]; }
     // The held messages are the source's last.
@@ -75,6 +77,7 @@ private:
     bool source_ended_{false};
     uint64_t number_{1};
     uint64_t bytes_read_{0};
+    uint64_t held_bytes_{0};
     std::deque<message> held_;
     boost::unordered_flat_map<datagram_key, chain> places_;
 };

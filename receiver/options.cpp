@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -202,7 +203,7 @@ void add_end_options(CLI::App& app, options& to, raw_values& raw)
         ->check(not_negative());
     describe(
         app.add_option("--idle", to.idle_s), group, "SECONDS",
-        "of silence behind the first message (2)")
+        "of silence behind the first message (2, and\nmore at low rates)")
         ->check(positive());
     describe(app.add_option("--duration", raw.duration), group, "SECONDS", "in all")
         ->check(positive());
@@ -235,7 +236,7 @@ void add_output_options(CLI::App& app, options& to, raw_values& raw)
         ->group(group);
 }
 
-void check_address(const options& to)
+void check_address(options& to)
 {
     in_addr address{};
     if (::inet_pton(AF_INET, to.ip.c_str(), &address) != 1)
@@ -243,6 +244,31 @@ void check_address(const options& to)
             true,
             fmt::format(
                 "--ip: \"{}\" is no IPv4 address; host names are not looked up", to.ip));
+    const bool is_group = IN_MULTICAST(ntohl(address.s_addr));
+    if (!to.device.empty() && (to.tcp || !is_group))
+        to.remarks.emplace_back("--device: means nothing here without a multicast group");
+}
+
+// An empty name is as a rule a shell variable that is not set.
+void check_names(const options& to, const CLI::App& app)
+{
+    const std::pair<const char*, const std::string*> names[] = {
+        {"--filepath", &to.source.path}, {"--json", &to.json},   {"--csv", &to.csv},
+        {"--report", &to.report},        {"--write", &to.write},
+    };
+    for (const auto& [option, path] : names) {
+        if (app.count(option) != 0 && path->empty())
+            throw usage_end(
+                true, fmt::format("{}: the name of the file is empty", option));
+        if (*path == "-" && path != &to.json && path != &to.source.path)
+            throw usage_end(
+                true, fmt::format("{}: needs a file; only --json can go to -", option));
+        for (const auto& [other, other_path] : names) {
+            if (path != other_path && *path == *other_path && !path->empty())
+                throw usage_end(
+                    true, fmt::format("{} and {} name the same file", option, other));
+        }
+    }
 }
 
 void check_source(const options& to)
@@ -275,6 +301,17 @@ void take_protocol(options& to, const std::string& text)
             "--protocol {}: not tcp, so taken as udp, like the sender does", text));
 }
 
+// Without the option, long enough for the longest pause that the sender makes between
+// two messages at this rate: behind its first one it waits for two.
+double idle_for(uint64_t bits_per_second)
+{
+    constexpr double LONGEST_BITS = 2.0 * 8 * int{vesk::MAX_BUFFER_SIZE};
+    constexpr double AT_LEAST_S = 2;
+    return bits_per_second == 0
+               ? AT_LEAST_S
+               : AT_LEAST_S + LONGEST_BITS / static_cast<double>(bits_per_second);
+}
+
 void take_raw_values(options& to, const raw_values& raw, const CLI::App& app)
 {
     to.port = static_cast<uint16_t>(raw.port);
@@ -284,6 +321,8 @@ void take_raw_values(options& to, const raw_values& raw, const CLI::App& app)
     if (!(raw.mbps >= 0) || raw.mbps > 1e12)
         throw usage_end(true, "--mbps: a rate in megabits per second, 0 for none");
     to.wanted_bps = bits_per_second(raw.mbps);
+    if (app.count("--idle") == 0)
+        to.idle_s = idle_for(to.wanted_bps);
     to.window = static_cast<size_t>(raw.window);
     if (app.count("--rcvbuf") != 0)
         to.receive_buffer = raw.receive_buffer;
@@ -332,6 +371,7 @@ options parse_options(int argc, const char* const* argv)
     to.command = quoted_command(argc, argv);
     take_raw_values(to, raw, app);
     check_address(to);
+    check_names(to, app);
     check_source(to);
     return to;
 }

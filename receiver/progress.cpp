@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -124,7 +125,11 @@ unsigned progress_line::columns() const
 
 void progress_line::write(const std::string& text) const
 {
-    // A line that is lost is drawn again a tenth of a second later.
+    // What receives must not wait for who watches. A line that is lost is drawn again
+    // a tenth of a second later.
+    pollfd room{fd_, POLLOUT, 0};
+    if (::poll(&room, 1, 0) != 1 || (room.revents & POLLOUT) == 0)
+        return;
     [[maybe_unused]] const ssize_t ignored = ::write(fd_, text.data(), text.size());
 }
 

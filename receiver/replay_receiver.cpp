@@ -1,25 +1,23 @@
 // The program: reads the command line, receives or plans, and shows the result.
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "csv.h"
 #include "json.h"
 #include "options.h"
+#include "output_file.h"
 #include "plan.h"
 #include "progress.h"
 #include "report.h"
@@ -63,24 +61,6 @@ int number_of(exit_status status) { return static_cast<int>(status); }
 void complain(const std::string& text)
 {
     (void)std::fprintf(stderr, "replay_receiver: %s\n", text.c_str());
-}
-
-[[noreturn]] void cannot_write(const std::string& path)
-{
-    throw file_error(
-        fmt::format("{}: cannot be written: {}", path, std::strerror(errno)));
-}
-
-// Finds out before a long run whether its result can be kept. A file that is there
-// already stays as it is until then.
-void check_writable(const std::string& path)
-{
-    if (path.empty() || path == "-")
-        return;
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-    if (fd == -1)
-        cannot_write(path);
-    (void)::close(fd); // nothing was written
 }
 
 bool is_same_file(const std::string& one, const std::string& other)
@@ -132,30 +112,42 @@ void check_outputs(const options& options)
         if (!path->empty() && *path != "-" && options.has_source())
             protect_recording(options, *path, files);
     }
-    for (const std::string* path : {&options.json, &options.csv, &options.report})
-        check_writable(*path);
 }
 
-void write_all(std::FILE* file, const std::string& text, const std::string& name)
+// Opened before the run, written behind it.
+struct output_files {
+    explicit output_files(const options& options)
+        : json(options.json == "-" ? "" : options.json), csv(options.csv),
+          report(options.report)
+    {}
+
+    output_file json;
+    output_file csv;
+    output_file report;
+};
+
+void print(const std::string& text)
 {
-    if (std::fwrite(text.data(), 1, text.size(), file) != text.size() ||
-        std::fflush(file) != 0)
-        cannot_write(name);
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
+        std::fflush(stdout) != 0)
+        cannot_write("standard output");
 }
 
-void write_file(const std::string& path, const std::string& text)
+void write_file(output_file& file, const std::string& text)
 {
-    if (path.empty())
+    if (!file.is_open())
         return;
-    if (path == "-") {
-        write_all(stdout, text, "standard output");
-        return;
-    }
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    if (file == nullptr)
-        cannot_write(path);
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> closing(file, std::fclose);
-    write_all(file, text, path);
+    file.begin();
+    file.write(text);
+    file.finish();
+}
+
+void write_json(const options& options, output_file& file, const std::string& text)
+{
+    if (options.json == "-")
+        print(text);
+    else
+        write_file(file, text);
 }
 
 // Runs it; false, with the reason told, when a file fails. Each output is written for
@@ -190,7 +182,7 @@ bool wants_colour()
 void show_summary(const options& options, const std::string& text)
 {
     if (options.json != "-")
-        write_all(stdout, text, "standard output");
+        print(text);
 }
 
 bool wants_progress(const options& options)
@@ -200,15 +192,7 @@ bool wants_progress(const options& options)
     return options.progress == progress_mode::always;
 }
 
-uint64_t now_ns()
-{
-    timespec now{};
-    (void)::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000 +
-           static_cast<uint64_t>(now.tv_nsec);
-}
-
-int plan(const options& options, progress_line& progress)
+int plan(const options& options, output_files& files, progress_line& progress)
 {
     const uint64_t start = now_ns();
     plan_result result = make_plan(options, [&](const plan_progress& so_far) {
@@ -227,7 +211,7 @@ int plan(const options& options, progress_line& progress)
         result.status = exit_status::file;
     }
     bool written =
-        succeeds([&] { write_file(options.json, json_text(to_json(result))); });
+        succeeds([&] { write_json(options, files.json, json_text(to_json(result))); });
     written &= succeeds(
         [&] { show_summary(options, plan_text(result, columns(), wants_colour())); });
     return number_of(written ? result.status : exit_status::file);
@@ -269,7 +253,7 @@ run_result receive_or_fail(const options& options, progress_line& progress)
     return failed;
 }
 
-int receive(const options& options, progress_line& progress)
+int receive(const options& options, output_files& files, progress_line& progress)
 {
     run_result result = receive_or_fail(options, progress);
     progress.finish();
@@ -282,10 +266,10 @@ int receive(const options& options, progress_line& progress)
     bool written = true;
     if (has_run) {
         written &= succeeds(
-            [&] { write_file(options.csv, intervals_csv(result.measured)); },
+            [&] { write_file(files.csv, intervals_csv(result.measured)); },
             &result.problems);
         written &= succeeds(
-            [&] { write_file(options.report, report_page(result)); }, &result.problems);
+            [&] { write_file(files.report, report_page(result)); }, &result.problems);
     }
     // What comes next tells of files that have failed before.
     const auto blame = [&] {
@@ -294,7 +278,8 @@ int receive(const options& options, progress_line& progress)
     };
     blame();
     written &= succeeds(
-        [&] { write_file(options.json, json_text(to_json(result))); }, &result.problems);
+        [&] { write_json(options, files.json, json_text(to_json(result))); },
+        &result.problems);
     blame();
     if (has_run)
         written &= succeeds([&] {
@@ -310,9 +295,11 @@ int run(int argc, char** argv)
     for (const std::string& remark : options.remarks)
         complain(remark);
     check_outputs(options);
+    output_files files(options);
     catch_signals();
     progress_line progress(STDERR_FILENO, wants_progress(options));
-    return options.plan ? plan(options, progress) : receive(options, progress);
+    return options.plan ? plan(options, files, progress)
+                        : receive(options, files, progress);
 }
 
 } // namespace

@@ -27,6 +27,10 @@ public:
     // Everything expected is there, or is not any more.
     void set_complete(uint64_t now_ns, bool complete);
 
+    // Nothing that is expected is still to come, whatever arrives: from now on that
+    // counts as silence.
+    void set_exhausted(uint64_t now_ns, bool exhausted);
+
     // The user's own limits are reached.
     std::optional<end_reason> limit(uint64_t messages, uint64_t bytes) const;
 
@@ -40,10 +44,13 @@ public:
     uint64_t next_check_ns() const;
 
 private:
+    uint64_t silence_ns() const;
+
     end_limits limits_;
     uint64_t start_ns_;
     std::optional<uint64_t> last_arrival_ns_;
     std::optional<uint64_t> complete_ns_;
+    std::optional<uint64_t> exhausted_ns_;
 };
 
 } // namespace receiver

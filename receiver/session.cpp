@@ -2,13 +2,12 @@
 #include "session.h"
 
 #include <algorithm>
-#include <ctime>
 #include <optional>
 #include <utility>
 
 #include <poll.h>
-#include <time.h>
 
+#include "clock.h"
 #include "measure.h"
 #include "run_end.h"
 #include "tcp_input.h"
@@ -25,14 +24,6 @@ constexpr uint64_t NS_PER_MS = 1000000;
 constexpr uint64_t UDP_RECEIVE_BUFFER = uint64_t{64} << 20U;
 constexpr uint64_t NAP_BUFFER = uint64_t{4} << 20U;
 constexpr uint64_t LONGEST_WAIT_NS = 100 * NS_PER_MS;
-
-uint64_t now_ns()
-{
-    timespec now{};
-    (void)::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000 +
-           static_cast<uint64_t>(now.tv_nsec);
-}
 
 uint64_t to_ns(double seconds)
 {
@@ -99,6 +90,7 @@ private:
         if (taken != transport::taken::nothing)
             end_.arrived(now);
         end_.set_complete(now, transport_.complete());
+        end_.set_exhausted(now, transport_.exhausted());
         if (stopped_())
             return end_reason::signal;
         return end_.check(now);
@@ -160,12 +152,16 @@ run_result run_over(
     progress.finish();
 
     circumstances known;
-    known.total_is_finite = source != nullptr && options.source.passes != 0;
+    const bool source_ends = source != nullptr && options.source.passes != 0;
+    const bool limited = options.messages || options.bytes;
+    // Whoever compares with an endless replay wants it to go on.
+    const bool broken_off = source != nullptr && result.reason == end_reason::closed;
+    known.total_is_finite = source_ends || limited || broken_off;
     known.total_arrived = transport.complete() || result.reason == end_reason::messages ||
                           result.reason == end_reason::bytes;
     transport.finish(
         result, running.measured(),
-        result.reason == end_reason::idle && known.total_is_finite);
+        result.reason == end_reason::idle && source_ends && !limited);
     add_measurement(result, running.measured());
     known.file_failed = transport.file_failed() || !result.verified.source_error.empty();
     if (!result.verified.source_error.empty()) {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 #include <utility>
 
 #include "meeting_point.h"
@@ -11,6 +10,9 @@
 namespace receiver {
 
 namespace {
+
+// Further than this, equal bytes on both sides of a block are no coincidence.
+constexpr size_t MOST_ROTATION = 256;
 
 bytes_view first_of(bytes_view bytes, size_t count)
 {
@@ -20,15 +22,24 @@ bytes_view first_of(bytes_view bytes, size_t count)
 std::vector<uint8_t> copy_of(bytes_view bytes) { return {bytes.begin(), bytes.end()}; }
 
 // A block that was cut out in front of bytes like its own first ones is seen from
-// the first difference on, so its content comes rotated.
+// the first difference on, so its content comes rotated by as many.
 bool is_rotation(bytes_view block, bytes_view other)
 {
     if (block.size() != other.size())
         return false;
-    std::vector<uint8_t> twice = copy_of(other);
-    twice.insert(twice.end(), other.begin(), other.end());
-    return std::search(twice.begin(), twice.end(), block.begin(), block.end()) !=
-           twice.end();
+    const auto is_rotated_by = [&](size_t shift) {
+        return std::equal(
+                   block.begin() + static_cast<ptrdiff_t>(shift), block.end(),
+                   other.begin()) &&
+               std::equal(
+                   block.begin(), block.begin() + static_cast<ptrdiff_t>(shift),
+                   other.end() - static_cast<ptrdiff_t>(shift));
+    };
+    for (size_t shift = 0; shift < std::min(MOST_ROTATION, block.size()); ++shift) {
+        if (is_rotated_by(shift) || is_rotated_by(block.size() - shift))
+            return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -45,11 +56,12 @@ std::span<const uint32_t> stream_verifier::arrived(bytes_view recent, size_t fre
     received_ += fresh;
     if (result_.gave_up) {
         beyond_.length += fresh;
+        skip_source();
         return sizes_;
     }
     const bytes_view bytes = recent.last(fresh);
     if (!astray_.empty()) {
-        astray_.insert(astray_.end(), bytes.begin(), bytes.end());
+        astray_.push(bytes);
         resolve(false);
         return sizes_;
     }
@@ -120,6 +132,7 @@ bool stream_verifier::read_source(bytes_view& message)
         source_ended_ = !source_.next(message);
     if (source_ended_)
         message = {};
+    bytes_read_ += message.size();
     return !source_ended_;
 }
 
@@ -226,14 +239,9 @@ void stream_verifier::remember(bytes_view recent, size_t fresh)
 
 void stream_verifier::remember_consumed(bytes_view bytes)
 {
-    if (bytes.size() >= KEPT_HISTORY) {
-        history_ = copy_of(bytes.last(KEPT_HISTORY));
-        return;
-    }
-    const size_t surplus =
-        history_.size() - std::min<size_t>(history_.size(), KEPT_HISTORY - bytes.size());
-    history_.erase(history_.begin(), history_.begin() + static_cast<ptrdiff_t>(surplus));
-    history_.insert(history_.end(), bytes.begin(), bytes.end());
+    history_.push(bytes.last(std::min<size_t>(bytes.size(), KEPT_HISTORY)));
+    if (history_.size() > KEPT_HISTORY)
+        history_.pop(history_.size() - KEPT_HISTORY);
 }
 
 void stream_verifier::leave_step(bytes_view recent, size_t matched, size_t fresh)
@@ -246,7 +254,8 @@ void stream_verifier::leave_step(bytes_view recent, size_t matched, size_t fresh
     if (overlaps)
         history_.clear();
     remember_consumed(overlaps ? in_step : in_step.last(matched));
-    astray_ = copy_of(recent.last(fresh - matched));
+    astray_.clear();
+    astray_.push(recent.last(fresh - matched));
     next_try_ = 0;
 }
 
@@ -259,21 +268,23 @@ void stream_verifier::resolve(bool final)
         if (!settle_first(final))
             return;
         next_try_ = 0;
-        const size_t matched = match_in_step(astray_);
-        remember_consumed(first_of(astray_, matched));
-        astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(matched));
+        const size_t matched = match_in_step(astray_.bytes());
+        remember_consumed(first_of(astray_.bytes(), matched));
+        astray_.pop(matched);
     }
 }
 
 // False when more has to arrive before the first fault can be told.
 bool stream_verifier::settle_first(bool final)
 {
+    if (settle_short_fault())
+        return true;
     const bool last_try = final || astray_.size() >= LOOK_AHEAD;
     // One byte more than has arrived shows whether the source has ended.
     const size_t wanted = last_try ? size_t{LOOK_AHEAD} : astray_.size() + 1;
     look_ahead(wanted);
     const std::vector<uint8_t> ahead = expected_ahead(wanted);
-    const bytes_view received = astray_;
+    const bytes_view received = astray_.bytes();
     const bytes_view expected = ahead;
 
     bool certain = false;
@@ -302,12 +313,37 @@ bool stream_verifier::settle_first(bool final)
     return true;
 }
 
+// Looks at the beginning of both sides alone, because a search through all that has
+// come would be repeated for each of many faults.
+bool stream_verifier::settle_short_fault()
+{
+    if (astray_.size() <= SHORT)
+        return false;
+    look_ahead(SHORT);
+    const std::vector<uint8_t> ahead = expected_ahead(SHORT);
+    bool certain = false;
+    const auto point = find_meeting_point<uint8_t>(
+        first_of(astray_.bytes(), SHORT), ahead, ANCHOR, certain);
+    if (certain)
+        settle(point->received, point->expected, ahead);
+    return certain;
+}
+
 void stream_verifier::give_up()
 {
     const std::vector<uint8_t> ahead = expected_ahead(EXCERPT);
     beyond_ = fault_here(fault_kind::altered, astray_.size(), ahead);
     result_.gave_up = true;
     astray_.clear();
+    skip_source();
+}
+
+// Keeps the source in step with what arrives, by length alone.
+void stream_verifier::skip_source()
+{
+    bytes_view ignored;
+    while (bytes_read_ < received_ && read_source(ignored)) {
+    }
 }
 
 // ------------------------------------------------------------------------ faults
@@ -322,7 +358,7 @@ fault stream_verifier::fault_here(
     found.offset_in_message = position_;
     found.length = length;
     found.expected = copy_of(first_of(expected, EXCERPT));
-    found.received = copy_of(first_of(astray_, EXCERPT));
+    found.received = copy_of(first_of(astray_.bytes(), EXCERPT));
     return found;
 }
 
@@ -333,8 +369,8 @@ void stream_verifier::settle(size_t received, size_t expected, bytes_view ahead)
     if (altered != 0) {
         log_.add(fault_here(fault_kind::altered, altered, ahead));
         step_over(altered, nullptr);
-        remember_consumed(first_of(astray_, altered));
-        astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(altered));
+        remember_consumed(first_of(astray_.bytes(), altered));
+        astray_.pop(altered);
         ahead = ahead.subspan(altered);
     }
     if (expected > altered)
@@ -364,16 +400,16 @@ void stream_verifier::forget_lost_block()
 
 void stream_verifier::settle_surplus(size_t length, bytes_view ahead)
 {
-    const bytes_view surplus = first_of(astray_, length);
+    const std::vector<uint8_t> surplus = copy_of(first_of(astray_.bytes(), length));
+    const bytes_view before = history_.bytes();
     const bool repeats =
-        history_.size() >= length && std::equal(
-                                         surplus.begin(), surplus.end(),
-                                         history_.end() - static_cast<ptrdiff_t>(length));
+        before.size() >= length &&
+        std::equal(surplus.begin(), surplus.end(), before.last(length).begin());
     if (repeats || !take_lost_block(surplus))
         log_.add(fault_here(
             repeats ? fault_kind::duplicated : fault_kind::unexpected, length, ahead));
     remember_consumed(surplus);
-    astray_.erase(astray_.begin(), astray_.begin() + static_cast<ptrdiff_t>(length));
+    astray_.pop(length);
 }
 
 // The surplus is what was missing before: one fault of another kind, in the place

@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include "byte_queue.h"
 #include "fault_log.h"
 #include "result.h"
 #include "source.h"
@@ -50,6 +51,10 @@ public:
     // At least as many bytes have arrived as the source gives.
     bool complete();
 
+    // The comparison has been given up, and as many bytes have arrived since as would
+    // have been compared: nothing is to be learnt from what follows.
+    bool exhausted() const { return result_.gave_up && source_ended_; }
+
     // How many faults have been settled.
     uint64_t fault_count() const { return log_.fault_count() + lost_blocks_.size(); }
 
@@ -64,6 +69,7 @@ private:
     enum : size_t {
         ANCHOR = 32, // equal bytes that show that both sides are in step
         LOOK_AHEAD = 1024 * 1024,
+        SHORT = 4096, // most faults end within so many bytes
         LOST_BLOCKS = 64,
         EXCERPT = 16
     };
@@ -95,7 +101,9 @@ private:
     void leave_step(bytes_view recent, size_t matched, size_t fresh);
     void resolve(bool final);
     bool settle_first(bool final);
+    bool settle_short_fault();
     void give_up();
+    void skip_source();
 
     // Faults.
     fault fault_here(fault_kind kind, size_t length, bytes_view expected) const;
@@ -112,18 +120,19 @@ private:
     std::deque<std::vector<uint8_t>> ahead_; // read before their bytes were due
     size_t ahead_bytes_{0};
     bool source_ended_{false};
-    size_t position_{0};  // in the message that is due
-    uint64_t message_{0}; // its number, from 1
-    uint64_t offset_{0};  // of the byte that is due, in the stream
+    size_t position_{0};     // in the message that is due
+    uint64_t message_{0};    // its number, from 1
+    uint64_t offset_{0};     // of the byte that is due, in the stream
+    uint64_t bytes_read_{0}; // from the source
     // Bytes that have not arrived as they are, by message: of the one that is due and
     // of those that a late block may still make whole.
     std::map<uint64_t, uint64_t> harmed_;
     std::vector<uint32_t> sizes_;
 
     uint64_t received_{0};
-    std::vector<uint8_t> history_; // the latest bytes in front of astray_
-    std::vector<uint8_t> astray_;  // received since both sides came apart
-    size_t next_try_{0};           // length of astray_ that is worth a search
+    byte_queue history_; // the latest bytes in front of astray_
+    byte_queue astray_;  // received since both sides came apart
+    size_t next_try_{0}; // length of astray_ that is worth a search
     std::deque<lost_block> lost_blocks_;
     fault beyond_; // where both sides did not meet again
     fault_log log_;

@@ -21,7 +21,7 @@ constexpr size_t KEPT = stream_verifier::KEPT_HISTORY;
 constexpr size_t BUFFER = 1024 * 1024;
 constexpr size_t LEAST_ROOM = 256 * 1024;
 constexpr std::chrono::milliseconds RETRY_PAUSE{10};
-constexpr std::chrono::milliseconds LONGEST_TRY{250};
+constexpr std::chrono::milliseconds LONGEST_WAIT{100};
 
 // With nobody listening on a port of this machine, the kernel may pick that very
 // port for the connecting side, which then meets itself.
@@ -39,6 +39,30 @@ bool meets_itself(int fd)
            here.sin_addr.s_addr == there.sin_addr.s_addr;
 }
 
+// Closed in the ordinary way, the port would stay taken for a minute, and the sender
+// could not listen on it.
+void release_port(int fd)
+{
+    const linger at_once{1, 0};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+}
+
+// Waits until the connection is there or is not: 0 or the error.
+int connect_result(
+    int fd, std::chrono::steady_clock::time_point deadline,
+    const std::function<bool()>& stopped)
+{
+    pollfd done{fd, POLLOUT, 0};
+    while (::poll(&done, 1, static_cast<int>(LONGEST_WAIT.count())) != 1) {
+        if (stopped() || std::chrono::steady_clock::now() >= deadline)
+            return ETIMEDOUT;
+    }
+    int error = 0;
+    socklen_t length = sizeof(error);
+    (void)::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
+}
+
 } // namespace
 
 tcp_input::tcp_input(
@@ -46,11 +70,11 @@ tcp_input::tcp_input(
     const std::function<bool()>& stopped)
     : receive_buffer_(receive_buffer), buffer_(BUFFER)
 {
-    using clock = std::chrono::steady_clock;
     const sockaddr_in address = to_address(ip, port);
-    const auto deadline = clock::now() + std::chrono::duration<double>(timeout_s);
+    const auto deadline = clock::now() + std::chrono::duration_cast<clock::duration>(
+                                             std::chrono::duration<double>(timeout_s));
     while (!stopped()) {
-        if (try_connect(address, static_cast<int>(LONGEST_TRY.count())))
+        if (try_connect(address, deadline, stopped))
             return;
         if (clock::now() >= deadline)
             throw connection_error(fmt::format(
@@ -61,7 +85,9 @@ tcp_input::tcp_input(
     }
 }
 
-bool tcp_input::try_connect(const sockaddr_in& address, int wait_ms)
+bool tcp_input::try_connect(
+    const sockaddr_in& address, clock::time_point deadline,
+    const std::function<bool()>& stopped)
 {
     socket_handle candidate(
         ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
@@ -71,22 +97,19 @@ bool tcp_input::try_connect(const sockaddr_in& address, int wait_ms)
     if (receive_buffer_ != 0)
         (void)set_receive_buffer(candidate.get(), receive_buffer_);
 
-    int error = 0;
+    last_error_ = 0;
     if (::connect(
             candidate.get(), reinterpret_cast<const sockaddr*>(&address),
-            sizeof(address)) != 0) {
-        error = errno;
-        pollfd done{candidate.get(), POLLOUT, 0};
-        socklen_t length = sizeof(error);
-        if (error == EINPROGRESS && ::poll(&done, 1, wait_ms) == 1)
-            (void)::getsockopt(candidate.get(), SOL_SOCKET, SO_ERROR, &error, &length);
+            sizeof(address)) != 0)
+        last_error_ = errno;
+    if (last_error_ == EINPROGRESS)
+        last_error_ = connect_result(candidate.get(), deadline, stopped);
+    if (last_error_ == 0 && meets_itself(candidate.get())) {
+        release_port(candidate.get());
+        last_error_ = ECONNREFUSED;
     }
-    if (error == 0 && meets_itself(candidate.get()))
-        error = ECONNREFUSED;
-    if (error != 0) {
-        last_error_ = error == EINPROGRESS ? ETIMEDOUT : error;
+    if (last_error_ != 0)
         return false;
-    }
     socket_ = std::move(candidate);
     return true;
 }

@@ -1,6 +1,7 @@
 // Connects to the sender and takes in its bytes.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -38,7 +39,11 @@ public:
     const std::string& error() const { return error_; }
 
 private:
-    bool try_connect(const sockaddr_in& address, int wait_ms);
+    using clock = std::chrono::steady_clock;
+
+    bool try_connect(
+        const sockaddr_in& address, clock::time_point deadline,
+        const std::function<bool()>& stopped);
     void make_room();
 
     socket_handle socket_;

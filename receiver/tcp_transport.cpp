@@ -1,8 +1,9 @@
 // See tcp_transport.h.
 #include "tcp_transport.h"
 
-#include <ctime>
 #include <utility>
+
+#include "clock.h"
 
 namespace receiver {
 
@@ -11,20 +12,14 @@ namespace {
 // A read this long was worth its system call.
 constexpr size_t LONG_READ = 128 * 1024;
 
-uint64_t stamp_ns()
-{
-    timespec now{};
-    (void)::clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000 +
-           static_cast<uint64_t>(now.tv_nsec);
-}
-
 } // namespace
 
 tcp_transport::tcp_transport(
     tcp_input& input, message_source* source, kept_file<data_writer> kept)
-    : input_(input), kept_(std::move(kept))
+    : input_(input), kept_(std::move(kept)),
+      epoch_ns_(read_clock(CLOCK_REALTIME) - now_ns())
 {
+    kept_.begin();
     if (source != nullptr)
         verifier_.emplace(*source);
 }
@@ -39,7 +34,7 @@ transport::taken tcp_transport::take(measure& measured, const run_end& end)
     case tcp_input::state::data:
         break;
     }
-    const uint64_t now = stamp_ns();
+    const uint64_t now = epoch_ns_ + now_ns();
     last_stamp_ = now;
     const size_t fresh = input_.fresh();
     kept_.write([&](data_writer& file) { file.write(input_.recent().last(fresh)); });

@@ -19,6 +19,7 @@ public:
     int fd() const override { return input_.fd(); }
     taken take(measure& measured, const run_end& end) override;
     bool complete() override { return verifier_ && verifier_->complete(); }
+    bool exhausted() const override { return verifier_ && verifier_->exhausted(); }
     uint64_t fault_count() const override;
     void finish(run_result& result, measure& measured, bool rest_is_due) override;
     bool file_failed() const override { return kept_.has_failed(); }
@@ -27,6 +28,7 @@ private:
     tcp_input& input_;
     std::optional<stream_verifier> verifier_;
     kept_file<data_writer> kept_;
+    uint64_t epoch_ns_;      // makes stamps that no one can set back
     uint64_t last_stamp_{0}; // of the latest read, since the epoch
 };
 

@@ -35,6 +35,9 @@ public:
     // All that the source gives is there; false without a source.
     virtual bool complete() = 0;
 
+    // Nothing that the source gives is still to come, arrived or not.
+    virtual bool exhausted() const = 0;
+
     virtual uint64_t fault_count() const = 0;
 
     // Ends the comparison and the file that is kept, and fills in what the

@@ -65,8 +65,13 @@ udp_input::udp_input(
     enable(SOL_SOCKET, SO_TIMESTAMPNS, "receive stamps");
     enable(SOL_SOCKET, SO_RXQ_OVFL, "a count of drops");
     enable(IPPROTO_IP, IP_PKTINFO, "target addresses");
-    if (is_group)
+    if (is_group) {
         enable(SOL_SOCKET, SO_REUSEADDR, "a shared port");
+        const int only_joined = 0; // and not what others on this machine have joined
+        (void)::setsockopt(
+            socket_.get(), IPPROTO_IP, IP_MULTICAST_ALL, &only_joined,
+            sizeof(only_joined));
+    }
     bind(address);
     if (is_group)
         join(address, device);
@@ -106,9 +111,6 @@ void udp_input::join(const sockaddr_in& group, const std::string& device)
                 "--device {}: there is no such network device; \"ip link\" lists them",
                 device));
     }
-    const int only_joined = 0; // and not what others on this machine have joined
-    (void)::setsockopt(
-        socket_.get(), IPPROTO_IP, IP_MULTICAST_ALL, &only_joined, sizeof(only_joined));
     if (::setsockopt(
             socket_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) == 0)
         return;
@@ -129,7 +131,7 @@ void udp_input::prepare_batch()
         header.msg_namelen = sizeof(datagrams_[i].from);
         header.msg_iov = &pieces_[i];
         header.msg_iovlen = 1;
-        header.msg_control = control_[i].data();
+        header.msg_control = control_[i].bytes;
         header.msg_controllen = CONTROL;
     }
 }
@@ -139,8 +141,10 @@ size_t udp_input::receive()
     prepare_batch();
     const int count =
         ::recvmmsg(socket_.get(), headers_.data(), BATCH, MSG_DONTWAIT, nullptr);
+    if (count == -1 && errno != EAGAIN && errno != EINTR)
+        error_ = fmt::format("receiving failed: {}", std::strerror(errno));
     if (count <= 0)
-        return 0; // an error of this socket shows as silence, which ends the run
+        return 0;
     for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
         datagrams_[i].payload = {payloads_.data() + i * LARGEST, headers_[i].msg_len};
         read_control(headers_[i].msg_hdr, datagrams_[i]);

@@ -40,6 +40,9 @@ public:
 
     static constexpr size_t BATCH = 64;
 
+    // The latest error of the socket; empty as a rule.
+    const std::string& error() const { return error_; }
+
     uint64_t buffer_granted() const { return buffer_granted_; }
 
     // Datagrams that this socket has dropped, for want of buffer as a rule.
@@ -58,9 +61,13 @@ private:
     socket_handle socket_;
     uint64_t buffer_granted_{0};
     uint64_t own_drops_{0};
+    std::string error_;
     in_addr bound_{};
     std::vector<uint8_t> payloads_;
-    std::array<std::array<char, CONTROL>, BATCH> control_{};
+    struct alignas(cmsghdr) control_data {
+        char bytes[CONTROL];
+    };
+    std::array<control_data, BATCH> control_{};
     std::array<iovec, BATCH> pieces_{};
     std::array<mmsghdr, BATCH> headers_{};
     std::array<received_datagram, BATCH> datagrams_{};

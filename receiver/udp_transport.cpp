@@ -10,6 +10,7 @@ udp_transport::udp_transport(
     kept_file<capture_writer> kept)
     : input_(input), port_(htons(port)), kept_(std::move(kept))
 {
+    kept_.begin();
     if (source != nullptr)
         verifier_.emplace(*source, window);
 }
@@ -40,6 +41,8 @@ void udp_transport::finish(run_result& result, measure& /*measured*/, bool rest_
 {
     if (verifier_)
         result.verified = verifier_->finish(rest_is_due);
+    if (!input_.error().empty())
+        result.problems.push_back(input_.error());
     kept_.finish(result);
     result.buffer_granted = input_.buffer_granted();
     result.own_drops = input_.own_drops();

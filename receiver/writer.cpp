@@ -1,8 +1,8 @@
 // See writer.h.
 #include "writer.h"
 
-#include <cerrno>
-#include <cstring>
+#include <cstdio>
+#include <utility>
 
 #include <fmt/format.h>
 #include <net/ethernet.h>
@@ -14,12 +14,6 @@
 namespace receiver {
 
 namespace {
-
-[[noreturn]] void cannot_write(const std::string& path)
-{
-    throw file_error(
-        fmt::format("{}: cannot be written: {}", path, std::strerror(errno)));
-}
 
 // The Internet checksum's sum, as yet unfolded. An odd byte at the end counts as
 // the upper half of its word.
@@ -96,41 +90,21 @@ udphdr make_udp(const received_datagram& datagram, const iphdr& ip, in_port_t po
 
 } // namespace
 
-// ---------------------------------------------------------------------- data file
+data_writer::data_writer(output_file&& file) : file_(std::move(file)) { file_.begin(); }
 
-data_writer::data_writer(const std::string& path)
-    : path_(path), file_(std::fopen(path.c_str(), "wb"))
-{
-    if (file_ == nullptr)
-        cannot_write(path_);
-}
-
-void data_writer::write(bytes_view bytes)
-{
-    if (std::fwrite(bytes.data(), 1, bytes.size(), file_.get()) != bytes.size())
-        cannot_write(path_);
-}
-
-void data_writer::finish()
-{
-    if (std::fflush(file_.get()) != 0)
-        cannot_write(path_);
-    if (std::fclose(file_.release()) != 0)
-        cannot_write(path_);
-}
-
-// ------------------------------------------------------------------------ capture
-
-capture_writer::capture_writer(const std::string& path)
-    : path_(path), format_(::pcap_open_dead_with_tstamp_precision(
-                       DLT_EN10MB, vesk::MAXIMUM_SNAPLEN, PCAP_TSTAMP_PRECISION_NANO))
+capture_writer::capture_writer(output_file&& file)
+    : path_(file.path()),
+      format_(::pcap_open_dead_with_tstamp_precision(
+          DLT_EN10MB, vesk::MAXIMUM_SNAPLEN, PCAP_TSTAMP_PRECISION_NANO))
 {
     if (format_ == nullptr)
         cannot_write(path_);
-    dump_.reset(::pcap_dump_open(format_.get(), path.c_str()));
+    file.begin();
+    dump_.reset(::pcap_dump_fopen(format_.get(), file.stream()));
     if (dump_ == nullptr)
-        throw file_error(
-            fmt::format("cannot be written: {}", ::pcap_geterr(format_.get())));
+        throw file_error(fmt::format(
+            "{}: cannot be written: {}", path_, ::pcap_geterr(format_.get())));
+    (void)file.release(); // the library's now
 }
 
 void capture_writer::write(const received_datagram& datagram, in_port_t port)

@@ -1,41 +1,37 @@
 // Keeps what arrives: bytes as a data file, datagrams as a capture.
 #pragma once
 
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <pcap/pcap.h>
 
+#include "output_file.h"
 #include "result.h"
 #include "source.h"
 #include "udp_input.h"
 
 namespace receiver {
 
-// Throws file_error when the file cannot be created or written.
+// Both take a file that is open, and throw file_error when it cannot be written.
 class data_writer {
 public:
-    explicit data_writer(const std::string& path);
+    explicit data_writer(output_file&& file);
 
-    void write(bytes_view bytes);
-    void finish();
+    void write(bytes_view bytes) { file_.write(bytes); }
+    void finish() { file_.finish(); }
 
 private:
-    struct close_file {
-        void operator()(std::FILE* file) const { (void)std::fclose(file); }
-    };
-
-    std::string path_;
-    std::unique_ptr<std::FILE, close_file> file_;
+    output_file file_;
 };
 
-// As above. Each datagram becomes a frame with the addresses that it had.
+// Each datagram becomes a frame with the addresses that it had.
 class capture_writer {
 public:
-    explicit capture_writer(const std::string& path);
+    explicit capture_writer(output_file&& file);
 
     void write(const received_datagram& datagram, in_port_t port);
     void finish();
@@ -61,24 +57,24 @@ private:
 template <class writer_t>
 class kept_file {
 public:
-    // An empty path keeps nothing. Throws file_error.
-    explicit kept_file(const std::string& path)
+    // An empty path keeps nothing. What is in the file stays until begin(). Throws
+    // file_error.
+    explicit kept_file(const std::string& path) : file_(path) {}
+
+    // The run begins.
+    void begin()
     {
-        if (!path.empty())
-            writer_.emplace(path);
+        attempt([this] {
+            if (file_.is_open())
+                writer_.emplace(std::move(file_));
+        });
     }
 
     template <class write_t>
     void write(write_t write_to)
     {
-        if (!writer_)
-            return;
-        try {
-            write_to(*writer_);
-        } catch (const file_error& error) {
-            problem_ = error.what();
-            writer_.reset();
-        }
+        if (writer_)
+            attempt([&] { write_to(*writer_); });
     }
 
     void finish(run_result& result)
@@ -91,6 +87,18 @@ public:
     bool has_failed() const { return !problem_.empty(); }
 
 private:
+    template <class action_t>
+    void attempt(action_t action)
+    {
+        try {
+            action();
+        } catch (const file_error& error) {
+            problem_ = error.what();
+            writer_.reset();
+        }
+    }
+
+    output_file file_;
     std::optional<writer_t> writer_;
     std::string problem_;
 };

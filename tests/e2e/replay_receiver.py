@@ -196,6 +196,10 @@ class ReplayReceiver:
                 self.fail(f"not seen in {deadline} s: {what}")
             select.select([self._pidfd], [], [], POLL_INTERVAL)
 
+    def pause(self):
+        """A moment, or until the program ends."""
+        select.select([self._pidfd], [], [], POLL_INTERVAL)
+
     def wait_until_bound(self, port, group=None):
         """Bound, and a member of the group: nothing sent from now on is missed."""
         self.wait_until(lambda: self.bound(port), f"UDP port {port} bound")

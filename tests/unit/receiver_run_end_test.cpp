@@ -221,4 +221,29 @@ TEST(ReceiverRunEnd, VeryLongTimesAreNever)
     EXPECT_EQ(end.check(NOW + 1000000000), std::nullopt);
 }
 
+TEST(ReceiverRunEnd, WhatArrivesWithoutMeaningCountsAsSilence)
+{
+    run_end end(usual(), START);
+    end.arrived(START + 10);
+    end.set_exhausted(START + 10, true);
+    for (uint64_t later = 20; later < 210; later += 10) {
+        end.arrived(START + later);
+        end.set_exhausted(START + later, true);
+        EXPECT_EQ(end.check(START + later), std::nullopt) << later;
+        EXPECT_EQ(end.next_check_ns(), START + 210) << later;
+    }
+    EXPECT_EQ(end.check(START + 210), end_reason::idle);
+}
+
+TEST(ReceiverRunEnd, SilenceCountsAnewWhenSomethingIsExpectedAgain)
+{
+    run_end end(usual(), START);
+    end.arrived(START + 10);
+    end.set_exhausted(START + 10, true);
+    end.arrived(START + 100);
+    end.set_exhausted(START + 100, false);
+    EXPECT_EQ(end.check(START + 210), std::nullopt);
+    EXPECT_EQ(end.check(START + 300), end_reason::idle);
+}
+
 } // namespace

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -150,7 +151,7 @@ received_datagram datagram_of(const std::string& payload, uint64_t stamp = STAMP
 std::vector<record> written(const std::vector<std::string>& payloads)
 {
     const scratch_dir files;
-    capture_writer writer(files.file("kept"));
+    capture_writer writer{output_file(files.file("kept"))};
     for (const std::string& payload : payloads)
         writer.write(datagram_of(payload), htons(5000));
     writer.finish();
@@ -185,7 +186,7 @@ std::string file_error_of(action_t action)
 TEST(ReceiverWriter, ADataFileHoldsTheBytesAsTheyCame)
 {
     const scratch_dir files;
-    data_writer writer(files.file("kept"));
+    data_writer writer{output_file(files.file("kept"))};
     writer.write(view("one"));
     writer.write(view(""));
     writer.write(view(sample_bytes(100000)));
@@ -196,7 +197,7 @@ TEST(ReceiverWriter, ADataFileHoldsTheBytesAsTheyCame)
 TEST(ReceiverWriter, ADataFileOfNothingIsEmpty)
 {
     const scratch_dir files;
-    data_writer(files.file("kept")).finish();
+    data_writer(output_file(files.file("kept"))).finish();
     EXPECT_TRUE(std::filesystem::exists(files.file("kept")));
     EXPECT_EQ(content_of(files.file("kept")), "");
 }
@@ -205,7 +206,7 @@ TEST(ReceiverWriter, ADataFileTakesTheOldOnesPlace)
 {
     const scratch_dir files;
     support::write_file(files.file("kept"), "what was there before");
-    data_writer writer(files.file("kept"));
+    data_writer writer{output_file(files.file("kept"))};
     writer.write(view("new"));
     writer.finish();
     EXPECT_EQ(content_of(files.file("kept")), "new");
@@ -215,17 +216,18 @@ TEST(ReceiverWriter, ADataFileInNoFolderIsAFileError)
 {
     const scratch_dir files;
     const std::string path = files.file("none/kept");
-    EXPECT_THAT(file_error_of([&] { data_writer writer(path); }), HasSubstr(path));
+    EXPECT_THAT(
+        file_error_of([&] { data_writer writer{output_file(path)}; }), HasSubstr(path));
 }
 
 TEST(ReceiverWriter, AFullDiskIsAFileErrorOfADataFile)
 {
-    data_writer at_once("/dev/full");
+    data_writer at_once{output_file("/dev/full")};
     EXPECT_THAT(
         file_error_of([&] { at_once.write(view(std::string(1U << 20U, 'x'))); }),
         HasSubstr("/dev/full"));
 
-    data_writer at_the_end("/dev/full");
+    data_writer at_the_end{output_file("/dev/full")};
     at_the_end.write(view("x"));
     EXPECT_THAT(file_error_of([&] { at_the_end.finish(); }), HasSubstr("No space left"));
 }
@@ -252,7 +254,7 @@ TEST(ReceiverWriter, FramesAreCapturedWhole)
 TEST(ReceiverWriter, StampsKeepTheirNanoseconds)
 {
     const scratch_dir files;
-    capture_writer writer(files.file("kept"));
+    capture_writer writer{output_file(files.file("kept"))};
     const std::string payload = "x";
     for (const uint64_t stamp :
          {STAMP, uint64_t{999'999'999}, uint64_t{1'000'000'000},
@@ -352,7 +354,7 @@ TEST(ReceiverWriter, AKeptCaptureGivesTheSameMessagesAgain)
 {
     const scratch_dir files;
     std::vector<std::string> sent;
-    capture_writer writer(files.file("kept"));
+    capture_writer writer{output_file(files.file("kept"))};
     for (uint32_t size = 1; size < 2000; size += 37) {
         sent.push_back(sample_bytes(size, size));
         writer.write(datagram_of(sent.back()), htons(5000));
@@ -372,7 +374,9 @@ TEST(ReceiverWriter, ACaptureInNoFolderIsAFileError)
 {
     const scratch_dir files;
     const std::string path = files.file("none/kept");
-    EXPECT_THAT(file_error_of([&] { capture_writer writer(path); }), HasSubstr(path));
+    EXPECT_THAT(
+        file_error_of([&] { capture_writer writer{output_file(path)}; }),
+        HasSubstr(path));
 }
 
 TEST(ReceiverWriter, AFullDiskIsAFileErrorOfACapture)
@@ -380,14 +384,14 @@ TEST(ReceiverWriter, AFullDiskIsAFileErrorOfACapture)
     const std::string payload = sample_bytes(60000);
     EXPECT_THAT(
         file_error_of([&] {
-            capture_writer writer("/dev/full");
+            capture_writer writer{output_file("/dev/full")};
             for (int i = 0; i < 20; ++i)
                 writer.write(datagram_of(payload), htons(5000));
         }),
         HasSubstr("/dev/full"));
     EXPECT_THAT(
         file_error_of([&] {
-            capture_writer writer("/dev/full");
+            capture_writer writer{output_file("/dev/full")};
             writer.write(datagram_of("x"), htons(5000));
             writer.finish();
         }),
@@ -399,6 +403,7 @@ TEST(ReceiverWriter, AFullDiskIsAFileErrorOfACapture)
 TEST(ReceiverKeptFile, WithoutAPathNothingIsKept)
 {
     kept_file<data_writer> kept("");
+    kept.begin();
     bool called = false;
     kept.write([&](data_writer&) { called = true; });
     run_result result;
@@ -412,6 +417,7 @@ TEST(ReceiverKeptFile, WhatIsWrittenIsThereInTheEnd)
 {
     const scratch_dir files;
     kept_file<data_writer> kept(files.file("kept"));
+    kept.begin();
     kept.write([](data_writer& file) { file.write(view("one")); });
     kept.write([](data_writer& file) { file.write(view("two")); });
     run_result result;
@@ -431,6 +437,7 @@ TEST(ReceiverKeptFile, AFileThatCannotBeCreatedIsAFileErrorAtOnce)
 TEST(ReceiverKeptFile, TheRunGoesOnWithoutAFileThatFailed)
 {
     kept_file<data_writer> kept("/dev/full");
+    kept.begin();
     const std::string much(1U << 20U, 'x');
     int calls = 0;
     for (int i = 0; i < 3; ++i)
@@ -445,6 +452,7 @@ TEST(ReceiverKeptFile, TheRunGoesOnWithoutAFileThatFailed)
 TEST(ReceiverKeptFile, AFailureIsTheResultsProblemOnce)
 {
     kept_file<data_writer> kept("/dev/full");
+    kept.begin();
     const std::string much(1U << 20U, 'x');
     for (int i = 0; i < 3; ++i)
         kept.write([&](data_writer& file) { file.write(view(much)); });
@@ -457,6 +465,7 @@ TEST(ReceiverKeptFile, AFailureIsTheResultsProblemOnce)
 TEST(ReceiverKeptFile, AFailureAtTheEndCountsToo)
 {
     kept_file<capture_writer> kept("/dev/full");
+    kept.begin();
     kept.write([](capture_writer& file) { file.write(datagram_of("x"), htons(5000)); });
     EXPECT_FALSE(kept.has_failed());
     run_result result;
@@ -470,10 +479,52 @@ TEST(ReceiverKeptFile, ItCanBeHandedOn)
     const scratch_dir files;
     kept_file<capture_writer> first(files.file("kept"));
     kept_file<capture_writer> second(std::move(first));
+    second.begin();
     second.write([](capture_writer& file) { file.write(datagram_of("x"), htons(5000)); });
     run_result result;
     second.finish(result);
     EXPECT_THAT(records_of(files.file("kept")), SizeIs(1));
+}
+
+// ------------------------------------------------------------------ the file itself
+
+TEST(ReceiverOutputFile, KeepsWhatIsThereUntilItBegins)
+{
+    const scratch_dir files;
+    const std::string path = files.file("kept");
+    std::ofstream(path) << "yesterday's";
+    {
+        const output_file untouched(path);
+    }
+    EXPECT_EQ(content_of(path), "yesterday's");
+
+    output_file file(path);
+    file.begin();
+    file.write(std::string_view("new"));
+    file.finish();
+    EXPECT_EQ(content_of(path), "new");
+}
+
+TEST(ReceiverOutputFile, LeavesNothingBehindWhenItNeverBegins)
+{
+    const scratch_dir files;
+    const std::string path = files.file("kept");
+    {
+        const output_file unused(path);
+        EXPECT_TRUE(std::filesystem::exists(path));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(ReceiverOutputFile, StaysWhenItBeganAndIsEmpty)
+{
+    const scratch_dir files;
+    const std::string path = files.file("kept");
+    {
+        output_file file(path);
+        file.begin();
+    }
+    EXPECT_TRUE(std::filesystem::exists(path));
 }
 
 } // namespace

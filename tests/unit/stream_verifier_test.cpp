@@ -1726,4 +1726,52 @@ TEST_P(StreamFaultPatterns, AreReportedAsTheyAre)
 
 INSTANTIATE_TEST_SUITE_P(Seeds, StreamFaultPatterns, testing::Range<uint64_t>(1, 6));
 
+// ------------------------------------------------------------------ at great length
+
+TEST(StreamVerifier, BearsADifferenceEveryHundredBytes)
+{
+    dice random(31);
+    payload source = random.bytes(4000000);
+    payload stream = source;
+    for (size_t at = 50; at < stream.size(); at += 100)
+        stream[at] = static_cast<uint8_t>(~stream[at]);
+    const taken all =
+        take(in_messages(source, sizes(400, 10000)), stream, parts_of(700000));
+    EXPECT_EQ(all.result.count(fault_kind::altered), 40000u);
+    EXPECT_EQ(all.result.fault_count, 40000u);
+}
+
+TEST(StreamVerifier, TakesALongLostBlockOfZerosForWhatItIs)
+{
+    dice random(32);
+    payload block(400000);
+    block.back() = 1;
+    const payload before = random.bytes(1000);
+    const payload between = random.bytes(1000);
+    payload source = before;
+    source.insert(source.end(), block.begin(), block.end());
+    source.insert(source.end(), between.begin(), between.end());
+    payload stream = before;
+    stream.insert(stream.end(), between.begin(), between.end());
+    stream.insert(stream.end(), block.begin(), block.end() - 1);
+    stream.push_back(2);
+    const taken all = take({source}, stream, parts_of(500000));
+    EXPECT_GE(all.result.fault_count, 1u);
+}
+
+TEST(StreamVerifier, IsExhaustedOnlyWhenTheSourceWouldHaveEnded)
+{
+    dice random(33);
+    const payload source = random.bytes(3000000);
+    const payload other = random.bytes(3000000);
+    listed_source listed(in_messages(source, sizes(300, 10000)));
+    stream_verifier verifier(listed);
+    for (size_t at = 0; at < other.size(); at += 100000) {
+        EXPECT_FALSE(verifier.exhausted()) << at;
+        verifier.arrived(bytes_view(other).subspan(at, 100000));
+    }
+    verifier.arrived(bytes_view(other).first(1));
+    EXPECT_TRUE(verifier.exhausted());
+}
+
 } // namespace

@@ -1,0 +1,142 @@
+"""What must not happen to whoever runs the receiver: a run that never ends, a file
+that is gone, names that cannot be meant, a progress line that nobody reads."""
+
+import os
+import random
+import signal
+import socket
+
+import pytest
+
+from conftest import LOCALHOST, POLL_INTERVAL
+from replay_receiver import receive, udp_port  # noqa: F401: fixtures
+
+
+def keep_sending(run, port, datagrams):
+    """These once, and then strangers for as long as the receiver runs."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        sender.connect((LOCALHOST, port))
+        for datagram in datagrams:
+            sender.send(datagram)
+
+        def send_another():
+            try:
+                sender.send(random.randbytes(100))
+            except ConnectionRefusedError:
+                pass
+            return not run.running()
+
+        limit = 30 / POLL_INTERVAL
+        while limit and not send_another():
+            limit -= 1
+            run.pause()
+
+
+def test_traffic_that_goes_on_behind_a_loss_does_not_hold_the_run(
+    receive, data_file, udp_port
+):
+    messages = [random.randbytes(10240) for _ in range(3)]
+    run = receive(
+        "--filepath", data_file(b"".join(messages)), "--protocol", "udp",
+        "--port", str(udp_port), "--idle", "0.5",
+    )
+    run.wait_until_bound(udp_port)
+    keep_sending(run, udp_port, messages[1:])
+    result = run.expect(1, "idle")
+    assert result.counts["lost"] == 1
+
+
+def test_another_recording_without_end_does_not_hold_the_run(
+    receive, serve, data_file
+):
+    sender = serve(data_file(random.randbytes(3000000)), "--loopback", "0")
+    other = data_file(random.randbytes(3000000), name="other")
+    run = receive("--filepath", other, "--port", str(sender.port), "--idle", "0.5")
+    result = run.expect(1)
+    assert result.verified["gave_up"] is True
+    sender.stop()
+
+
+def test_a_progress_line_that_nobody_reads_does_not_hold_the_run(
+    receive, serve, data_file
+):
+    sender = serve(data_file(random.randbytes(1000000)), "--mbps", "4")
+    reader, writer = os.pipe()
+    try:
+        os.set_blocking(writer, False)
+        filler = bytes(65536)
+        try:
+            while os.write(writer, filler):
+                pass
+        except BlockingIOError:
+            os.set_blocking(writer, True)
+        run = receive(
+            "--port", str(sender.port), "--duration", "1", "--progress", "always",
+            stderr=writer,
+        )
+        run.expect(0, "duration")
+    finally:
+        os.close(reader)
+        os.close(writer)
+    sender.stop()
+
+
+def test_fewer_messages_than_asked_for_are_too_few(receive, serve, data_file):
+    sender = serve(data_file(bytes(30720)))
+    run = receive(
+        "--port", str(sender.port), "--filepath", data_file(bytes(30720), name="same"),
+        "--loopback", "0", "--messages", "100", "--idle", "0.5",
+    )
+    result = run.expect(7, "idle")
+    assert result.matched == (3, 30720)
+    sender.stop()
+
+
+def test_a_closed_endless_replay_has_ended_early(receive, serve, data_file):
+    path = data_file(bytes(30720))
+    sender = serve(path, "--loopback", "0", "--mbps", "4")
+    run = receive("--port", str(sender.port), "--filepath", path, "--loopback", "0")
+    run.wait_until_connected(sender.port)
+    sender.wait_for_progress()
+    sender.stop()
+    run.expect(7, "closed")
+
+
+def test_the_previous_file_stays_when_the_run_never_starts(receive, tmp_path, port):
+    kept = tmp_path / "kept.dat"
+    kept.write_bytes(b"yesterday's")
+    report = tmp_path / "report.html"
+    run = receive(
+        "--port", str(port), "--connect-timeout", "0.2", "--write", kept,
+        "--report", report,
+    )
+    run.expect(3)
+    assert kept.read_bytes() == b"yesterday's"
+    assert not report.exists()
+
+
+@pytest.mark.parametrize(
+    "words",
+    [
+        ("--filepath", ""),
+        ("--write", "-"),
+        ("--csv", "-"),
+        ("--report", "-"),
+        ("--json", "same", "--csv", "same"),
+    ],
+)
+def test_names_that_cannot_be_meant_are_wrong_use(receive, words):
+    receive(*words, json=False).expect_refusal(2, words[0])
+
+
+def test_a_low_rate_is_no_silence(receive, serve, data_file):
+    # At this rate the sender's first pause is longer than the usual two seconds.
+    path = data_file(bytes(20480))
+    line = ("--mbps", "0.05")
+    sender = serve(path, *line)
+    run = receive(
+        "--port", str(sender.port), "--filepath", path, *line, "--tolerance", "100"
+    )
+    run.expect(0, "complete")
+    sender.signal(signal.SIGINT)
+    sender.wait()
