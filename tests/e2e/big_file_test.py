@@ -14,6 +14,7 @@ import time
 import pytest
 
 from conftest import DEADLINE, LOCALHOST, SANITIZER, echo
+from replay_receiver import receive  # noqa: F401: a fixture
 
 MEGABYTE = 1 << 20
 DEFAULT_BYTES = (64 if SANITIZER else 256) * MEGABYTE
@@ -108,6 +109,18 @@ def test_a_big_file_arrives_at_socat(arrives_at):
 
 def test_a_big_file_arrives_at_nc(arrives_at):
     arrives_at(["nc", "-d", "{host}", "{port}"])
+
+
+def test_the_receiver_too_finds_three_passes_of_a_big_file_whole(
+    receive, serve, big_file
+):
+    line = ("--filepath", big_file, "--loopback", "3")
+    sender = serve(big_file, "--loopback", "3")
+    run = receive("--port", str(sender.port), *line)
+    assert run.wait(DEADLINE + 3 * BIG_BYTES / MEGABYTE) == 0
+    assert run.result.matched[1] == run.result.received[1] == 3 * BIG_BYTES
+    sender.stop()
+    sender.expect(output=echo(big_file, sender.address, loopback=3))
 
 
 def test_three_passes_of_a_big_file_arrive(arrives_here):
