@@ -2,22 +2,19 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "clock.h"
 #include "csv.h"
 #include "json.h"
 #include "options.h"
-#include "output_file.h"
+#include "outputs.h"
 #include "plan.h"
 #include "progress.h"
 #include "report.h"
@@ -63,93 +60,6 @@ void complain(const std::string& text)
     (void)std::fprintf(stderr, "replay_receiver: %s\n", text.c_str());
 }
 
-bool is_same_file(const std::string& one, const std::string& other)
-{
-    struct stat first {};
-    struct stat second {};
-    return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0 &&
-           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
-// None when they cannot be found: that is told when the recording is opened.
-std::vector<std::string> recorded_files(const options& options)
-{
-    try {
-        return options.has_source() ? source_files(options.source)
-                                    : std::vector<std::string>();
-    } catch (const file_error&) {
-        return {};
-    }
-}
-
-// The recording stays what it is: no output goes over one of its files, or into its
-// folder, where it would be replayed too.
-void protect_recording(
-    const options& options, const std::string& output,
-    const std::vector<std::string>& files)
-{
-    namespace fs = std::filesystem;
-    std::error_code ignored; // a path that is not there is none of the recording's
-    const bool inside =
-        fs::is_directory(options.source.path, ignored) &&
-        is_same_file(
-            fs::absolute(output, ignored).parent_path().string(), options.source.path);
-    bool over = false;
-    for (const std::string& file : files)
-        over = over || is_same_file(output, file);
-    if (inside || over)
-        throw usage_end(
-            true, fmt::format(
-                      "{}: would change the recording {}; choose another name", output,
-                      options.source.path));
-}
-
-void check_outputs(const options& options)
-{
-    const std::vector<std::string> files = recorded_files(options);
-    for (const std::string* path :
-         {&options.json, &options.csv, &options.report, &options.write}) {
-        if (!path->empty() && *path != "-" && options.has_source())
-            protect_recording(options, *path, files);
-    }
-}
-
-// Opened before the run, written behind it.
-struct output_files {
-    explicit output_files(const options& options)
-        : json(options.json == "-" ? "" : options.json), csv(options.csv),
-          report(options.report)
-    {}
-
-    output_file json;
-    output_file csv;
-    output_file report;
-};
-
-void print(const std::string& text)
-{
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-        std::fflush(stdout) != 0)
-        cannot_write("standard output");
-}
-
-void write_file(output_file& file, const std::string& text)
-{
-    if (!file.is_open())
-        return;
-    file.begin();
-    file.write(text);
-    file.finish();
-}
-
-void write_json(const options& options, output_file& file, const std::string& text)
-{
-    if (options.json == "-")
-        print(text);
-    else
-        write_file(file, text);
-}
-
 // Runs it; false, with the reason told, when a file fails. Each output is written for
 // itself: one that fails does not keep the others from the user.
 template <class write_t>
@@ -179,12 +89,6 @@ bool wants_colour()
     return ::isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
 }
 
-void show_summary(const options& options, const std::string& text)
-{
-    if (options.json != "-")
-        print(text);
-}
-
 bool wants_progress(const options& options)
 {
     if (options.progress == progress_mode::automatic)
@@ -210,10 +114,9 @@ int plan(const options& options, output_files& files, progress_line& progress)
         complain(result.source_error);
         result.status = exit_status::file;
     }
-    bool written =
-        succeeds([&] { write_json(options, files.json, json_text(to_json(result))); });
-    written &= succeeds(
-        [&] { show_summary(options, plan_text(result, columns(), wants_colour())); });
+    bool written = succeeds([&] { files.write_json(json_text(to_json(result))); });
+    written &=
+        succeeds([&] { files.show(plan_text(result, columns(), wants_colour())); });
     return number_of(written ? result.status : exit_status::file);
 }
 
@@ -266,10 +169,9 @@ int receive(const options& options, output_files& files, progress_line& progress
     bool written = true;
     if (has_run) {
         written &= succeeds(
-            [&] { write_file(files.csv, intervals_csv(result.measured)); },
-            &result.problems);
-        written &= succeeds(
-            [&] { write_file(files.report, report_page(result)); }, &result.problems);
+            [&] { files.write_csv(intervals_csv(result.measured)); }, &result.problems);
+        written &=
+            succeeds([&] { files.write_report(report_page(result)); }, &result.problems);
     }
     // What comes next tells of files that have failed before.
     const auto blame = [&] {
@@ -277,14 +179,12 @@ int receive(const options& options, output_files& files, progress_line& progress
             result.status = exit_status::file;
     };
     blame();
-    written &= succeeds(
-        [&] { write_json(options, files.json, json_text(to_json(result))); },
-        &result.problems);
+    written &=
+        succeeds([&] { files.write_json(json_text(to_json(result))); }, &result.problems);
     blame();
     if (has_run)
-        written &= succeeds([&] {
-            show_summary(options, summary_text(result, columns(), wants_colour()));
-        });
+        written &= succeeds(
+            [&] { files.show(summary_text(result, columns(), wants_colour())); });
     blame();
     return number_of(result.status);
 }
@@ -294,7 +194,6 @@ int run(int argc, char** argv)
     const options options = parse_options(argc, argv);
     for (const std::string& remark : options.remarks)
         complain(remark);
-    check_outputs(options);
     output_files files(options);
     catch_signals();
     progress_line progress(STDERR_FILENO, wants_progress(options));
