@@ -8,10 +8,15 @@
 #include <gtest/gtest.h>
 
 #include "summary.h"
+#include "support/results.h"
 
 namespace {
 
 using namespace receiver;
+using support::as_expected;
+using support::found;
+using support::stream;
+using support::with_faults;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -19,78 +24,6 @@ using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* ESCAPE = "\x1b";
-
-// 100,000 datagrams of 500 bytes as they should be.
-run_result as_expected()
-{
-    run_result run;
-    run.protocol = "udp";
-    run.address = "239.1.1.1:5000";
-    run.device = "eth0";
-    run.source = "day.pcap";
-    run.wanted_bps = 200e6;
-    run.rate_error_percent = -0.1;
-    run.buffer_wished = 64 << 20;
-    run.buffer_granted = 64 << 20;
-    run.verified.attempted = true;
-    run.verified.expected_messages = 100'000;
-    run.verified.expected_bytes = 50'000'000;
-    run.verified.matched_messages = 100'000;
-    run.verified.matched_bytes = 50'000'000;
-    run.measured.messages = 100'000;
-    run.measured.bytes = 50'000'000;
-    run.measured.duration_ns = 2'000'000'000;
-    run.measured.rate_bps = 199.8e6;
-    run.measured.gaps = {
-        99'999,
-        10'000,
-        100'000,
-        20'000,
-        20'000,
-        20'000,
-        20'000,
-        90'000,
-        {{10'000, 10'100, 1}, {20'000, 20'200, 99'997}, {99'000, 100'001, 1}}};
-    run.measured.sizes = {
-        100'000, 500, 500, 500, 500, 500, 500, 500, {{500, 501, 100'000}}};
-    return run;
-}
-
-run_result stream()
-{
-    run_result run = as_expected();
-    run.protocol = "tcp";
-    run.address = "127.0.0.1:9089";
-    run.device.clear();
-    return run;
-}
-
-fault found(fault_kind kind, uint64_t message, uint64_t length = 1)
-{
-    fault one;
-    one.kind = kind;
-    one.message = message;
-    one.length = length;
-    return one;
-}
-
-// Three messages lost from number 17 on, and number 40 altered.
-run_result with_faults()
-{
-    run_result run = as_expected();
-    run.status = exit_status::content;
-    run.reason = end_reason::idle;
-    run.verified.matched_messages = 99'996;
-    run.verified.counts = {3, 0, 0, 1, 0, 0};
-    run.verified.faults = {
-        found(fault_kind::lost, 17, 3), found(fault_kind::altered, 40)};
-    run.verified.faults[1].offset = 12;
-    run.verified.faults[1].arrival = 37;
-    run.verified.faults[1].expected = {0x00, 0xaa, 0x55};
-    run.verified.faults[1].received = {0x01, 0xaa, 0x55};
-    run.verified.fault_count = 2;
-    return run;
-}
 
 // Columns of each line, colours aside; no text here has wide characters.
 size_t widest_line(const std::string& text)
