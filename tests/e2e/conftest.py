@@ -109,45 +109,110 @@ def pieces(data):
 # ------------------------------------------------------------------ the sender
 
 
-class Sender:
-    """One run of the program, both of its streams kept in files.
+class Program:
+    """One run of a program, both of its streams kept in files.
 
     Every wait has a deadline and fails at once when the program ends instead.
     A run that outlives its test is killed by the fixture that started it.
     """
 
-    def __init__(self, directory, words, argv0=None, cwd=None, port=None):
-        self.port = port
-        self._output_path = directory / "stdout"
-        self._errors_path = directory / "stderr"
-        with open(self._output_path, "wb") as output, open(
-            self._errors_path, "wb"
-        ) as errors:
+    name = "program"
+
+    def __init__(self, directory, words, stdout=None, stderr=None, **options):
+        self._directory = directory
+        with contextlib.ExitStack() as files:
+            output = stdout or files.enter_context(open(directory / "stdout", "wb"))
+            errors = stderr or files.enter_context(open(directory / "stderr", "wb"))
             self._process = subprocess.Popen(
-                [argv0 or BINARY, *map(os.fspath, words)],
-                executable=BINARY,
-                cwd=cwd,
+                [*map(os.fspath, words)],
                 stdin=subprocess.DEVNULL,
                 stdout=output,
                 stderr=errors,
+                **options,
             )
         self.pid = self._process.pid
         self._pidfd = os.pidfd_open(self.pid)
 
     # What can be seen of the run.
 
-    @property
-    def address(self):
-        return f"{LOCALHOST}:{self.port}"
-
     def output(self):
-        return self._output_path.read_bytes().decode(errors="backslashreplace")
+        return self._stream("stdout")
 
     def errors(self):
-        return self._errors_path.read_bytes().decode(errors="backslashreplace")
+        return self._stream("stderr")
+
+    def _stream(self, name):
+        path = self._directory / name
+        if not path.exists():
+            return ""
+        return path.read_bytes().decode(errors="backslashreplace")
 
     def running(self):
         return self._process.poll() is None
+
+    # Waiting.
+
+    def pause(self):
+        """A moment, or until the program ends."""
+        select.select([self._pidfd], [], [], POLL_INTERVAL)
+
+    def wait_until(self, condition, what, deadline=DEADLINE):
+        """Returns the condition's first true value."""
+        limit = time.monotonic() + deadline
+        while True:
+            ended = not self.running()
+            value = condition()
+            if value:
+                return value
+            if ended:
+                self.fail(f"ended with {self._process.returncode} before {what}")
+            if time.monotonic() > limit:
+                self.fail(f"not seen in {deadline} s: {what}")
+            self.pause()
+
+    # Ending.
+
+    def signal(self, number):
+        self._process.send_signal(number)
+
+    def wait(self, deadline=DEADLINE):
+        """The exit status; a negative number is the signal that ended it."""
+        try:
+            return self._process.wait(deadline)
+        except subprocess.TimeoutExpired:
+            self.fail(f"still running after {deadline} s")
+
+    def kill(self):
+        if self.running():
+            self._process.kill()
+            self._process.wait()
+        if self._pidfd is not None:
+            os.close(self._pidfd)
+            self._pidfd = None
+
+    def fail(self, what):
+        pytest.fail(
+            f"{self.name}: {what}\n"
+            f"--- stdout\n{self.output()}--- stderr\n{self.errors()}"
+        )
+
+
+class Sender(Program):
+    """One run of the sender."""
+
+    name = "sender"
+
+    def __init__(self, directory, words, argv0=None, cwd=None, port=None):
+        self.port = port
+        super().__init__(
+            directory, [argv0 or BINARY, *words], executable=BINARY, cwd=cwd
+        )
+
+    # What can be seen of the run.
+
+    @property
+    def address(self):
+        return f"{LOCALHOST}:{self.port}"
 
     def memory(self):
         """Resident bytes."""
@@ -183,20 +248,6 @@ class Sender:
         return thread
 
     # Waiting.
-
-    def wait_until(self, condition, what, deadline=DEADLINE):
-        """Returns the condition's first true value."""
-        limit = time.monotonic() + deadline
-        while True:
-            ended = not self.running()
-            value = condition()
-            if value:
-                return value
-            if ended:
-                self._fail(f"ended with {self._process.returncode} before {what}")
-            if time.monotonic() > limit:
-                self._fail(f"not seen in {deadline} s: {what}")
-            select.select([self._pidfd], [], [], POLL_INTERVAL)
 
     def wait_for_output(self, text, count=1):
         """Waits until standard output holds the text (`count` times)."""
@@ -236,16 +287,6 @@ class Sender:
 
     # Ending.
 
-    def signal(self, number):
-        self._process.send_signal(number)
-
-    def wait(self, deadline=DEADLINE):
-        """The exit status; a negative number is the signal that ended it."""
-        try:
-            return self._process.wait(deadline)
-        except subprocess.TimeoutExpired:
-            self._fail(f"still running after {deadline} s")
-
     def stop(self, number=SIGINT, deadline=DEADLINE):
         """One stop signal at a time when it counts; the exit status."""
         if self.running():
@@ -257,19 +298,6 @@ class Sender:
         """Waits for the end and compares all that the program showed."""
         seen = (self.wait(), self.output(), self.errors())
         assert seen == (status, output, errors)
-
-    def kill(self):
-        if self.running():
-            self._process.kill()
-            self._process.wait()
-        if self._pidfd is not None:
-            os.close(self._pidfd)
-            self._pidfd = None
-
-    def _fail(self, what):
-        pytest.fail(
-            f"sender: {what}\n--- stdout\n{self.output()}--- stderr\n{self.errors()}"
-        )
 
 
 def is_listening(port):

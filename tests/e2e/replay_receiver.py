@@ -9,17 +9,14 @@ import json
 import os
 import pathlib
 import random
-import select
 import shutil
 import socket
 import struct
-import subprocess
 import tempfile
-import time
 
 import pytest
 
-from conftest import DEADLINE, LOCALHOST, POLL_INTERVAL, ROOT
+from conftest import LOCALHOST, ROOT, Program
 
 RECEIVER = os.path.abspath(
     os.environ.get("REPLAY_RECEIVER", ROOT / "build" / "release" / "replay_receiver")
@@ -106,37 +103,16 @@ def totals(messages):
 # --------------------------------------------------------------- the receiver
 
 
-class ReplayReceiver:
-    """One run of the program, both of its streams kept in files.
+class ReplayReceiver(Program):
+    """One run of the receiver."""
 
-    Every wait has a deadline and fails at once when the program ends instead.
-    A run that outlives its test is killed by the fixture that started it.
-    """
+    name = "receiver"
 
-    def __init__(self, directory, words, stdout=None, stderr=None, **options):
+    def __init__(self, directory, words, **options):
         options.setdefault("executable", RECEIVER)
-        self._directory = directory
-        self._process = None
-        with contextlib.ExitStack() as files:
-            output = stdout or files.enter_context(open(directory / "stdout", "wb"))
-            errors = stderr or files.enter_context(open(directory / "stderr", "wb"))
-            self._process = subprocess.Popen(
-                ["replay_receiver", *map(os.fspath, words)],
-                stdin=subprocess.DEVNULL,
-                stdout=output,
-                stderr=errors,
-                **options,
-            )
-        self.pid = self._process.pid
-        self._pidfd = os.pidfd_open(self.pid)
+        super().__init__(directory, ["replay_receiver", *words], **options)
 
     # What can be seen of the run.
-
-    def output(self):
-        return self._stream("stdout")
-
-    def errors(self):
-        return self._stream("stderr")
 
     @property
     def json_path(self):
@@ -147,9 +123,6 @@ class ReplayReceiver:
         if not self.json_path.exists():
             self.fail("wrote no JSON")
         return Result(self.json_path.read_text())
-
-    def running(self):
-        return self._process.poll() is None
 
     def drops(self, port):
         """What the kernel says that this run's socket has dropped."""
@@ -182,24 +155,6 @@ class ReplayReceiver:
 
     # Waiting.
 
-    def wait_until(self, condition, what, deadline=DEADLINE):
-        """Returns the condition's first true value."""
-        limit = time.monotonic() + deadline
-        while True:
-            ended = not self.running()
-            value = condition()
-            if value:
-                return value
-            if ended:
-                self.fail(f"ended with {self._process.returncode} before {what}")
-            if time.monotonic() > limit:
-                self.fail(f"not seen in {deadline} s: {what}")
-            select.select([self._pidfd], [], [], POLL_INTERVAL)
-
-    def pause(self):
-        """A moment, or until the program ends."""
-        select.select([self._pidfd], [], [], POLL_INTERVAL)
-
     def wait_until_bound(self, port, group=None):
         """Bound, and a member of the group: nothing sent from now on is missed."""
         self.wait_until(lambda: self.bound(port), f"UDP port {port} bound")
@@ -210,16 +165,6 @@ class ReplayReceiver:
         self.wait_until(lambda: self.connected(port), f"connected to {port}")
 
     # Ending.
-
-    def signal(self, number):
-        self._process.send_signal(number)
-
-    def wait(self, deadline=DEADLINE):
-        """The exit status; a negative number is the signal that ended it."""
-        try:
-            return self._process.wait(deadline)
-        except subprocess.TimeoutExpired:
-            self.fail(f"still running after {deadline} s")
 
     def expect(self, status, reason=None):
         """Waits for this end. Returns the JSON's result, where there is one."""
@@ -244,26 +189,7 @@ class ReplayReceiver:
             assert part in text, text
         return text
 
-    def kill(self):
-        if self.running():
-            self._process.kill()
-            self._process.wait()
-        if self._pidfd is not None:
-            os.close(self._pidfd)
-            self._pidfd = None
-
-    def fail(self, what):
-        pytest.fail(
-            f"receiver: {what}\n--- stdout\n{self.output()}--- stderr\n{self.errors()}"
-        )
-
     # Helpers.
-
-    def _stream(self, name):
-        path = self._directory / name
-        if not path.exists():
-            return ""
-        return path.read_bytes().decode(errors="backslashreplace")
 
     def _proc(self, name):
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
