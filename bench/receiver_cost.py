@@ -19,6 +19,9 @@ import subprocess
 import sys
 import tempfile
 
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests" / "e2e"))
+import capture_builder
+
 DATAGRAM = 500
 UDP_MBPS = 400
 UDP_SECONDS = 10
@@ -74,17 +77,14 @@ def tcp_run(options, subject, source, size):
 
 
 def write_capture(path, count):
-    source = random.Random(1)
-    headers = bytes.fromhex("020000000002 020000000001 0800")
-    headers += struct.pack(
-        ">BBHHHBBHII", 0x45, 0, 28 + DATAGRAM, 0, 0, 64, 17, 0, 0x0A000001, 0x0A000002
-    )
-    headers += struct.pack(">HHHH", 40000, 5000, 8 + DATAGRAM, 0)
-    length = len(headers) + DATAGRAM
-    record = struct.pack("<IIII", 0, 0, length, length) + headers
-    noise = source.randbytes(1 << 20)
+    """Datagrams that differ, by the tests' frames; written as they are made, because
+    together they are half a gigabyte."""
+    frame = capture_builder.udp(bytes(DATAGRAM)).data
+    length = len(frame)
+    record = struct.pack("<IIII", 0, 0, length, length) + frame[:-DATAGRAM]
+    noise = random.Random(1).randbytes(1 << 20)
     with open(path, "wb") as out:
-        out.write(struct.pack("<IHHIIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144, 1))
+        out.write(capture_builder.pcap([]))
         for number in range(count):
             at = number * 61 % (len(noise) - DATAGRAM)
             out.write(record + struct.pack("<Q", number) + noise[at : at + DATAGRAM - 8])

@@ -43,9 +43,9 @@ double measure::rate_bps() const
 interval& measure::slice_at(uint64_t stamp_ns)
 {
     const uint64_t since_begin = stamp_ns - begin_ns_;
-    while (since_begin / interval_ns_ >= MOST_INTERVALS)
+    auto slice = static_cast<size_t>(since_begin / interval_ns_);
+    for (; slice >= MOST_INTERVALS; slice /= 2)
         widen_intervals();
-    const auto slice = static_cast<size_t>(since_begin / interval_ns_);
     if (intervals_.size() <= slice)
         intervals_.resize(slice + 1);
     return intervals_[slice];

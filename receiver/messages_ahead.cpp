@@ -30,28 +30,31 @@ void messages_ahead::hold(size_t count)
 
 std::optional<uint64_t> messages_ahead::find(const datagram_key& key, uint64_t from) const
 {
-    const auto found = places_.find(key);
-    if (found == places_.end())
-        return std::nullopt;
-    uint64_t place = found->second.first;
-    while (place != 0 && (place < from || held_[place - number_].arrived))
-        place = held_[place - number_].next_alike;
-    if (place == 0)
-        return std::nullopt;
-    return place;
+    return first_alike(key, [&](uint64_t place, const message& each) {
+        return place >= from && !each.arrived;
+    });
 }
 
 std::optional<uint64_t> messages_ahead::find_arrived(const datagram_key& key) const
 {
+    return first_alike(key, [](uint64_t, const message& each) { return each.arrived; });
+}
+
+// Walks the chain of the key.
+template <class predicate_t>
+std::optional<uint64_t> messages_ahead::first_alike(
+    const datagram_key& key, predicate_t predicate) const
+{
     const auto found = places_.find(key);
     if (found == places_.end())
         return std::nullopt;
-    uint64_t place = found->second.first;
-    while (place != 0 && !held_[place - number_].arrived)
-        place = held_[place - number_].next_alike;
-    if (place == 0)
-        return std::nullopt;
-    return place;
+    for (uint64_t place = found->second.first; place != 0;) {
+        const message& each = held_[place - number_];
+        if (predicate(place, each))
+            return place;
+        place = each.next_alike;
+    }
+    return std::nullopt;
 }
 
 bool messages_ahead::read(bytes_view& payload)

@@ -67,6 +67,9 @@ private:
         uint64_t last;
     };
 
+    template <class predicate_t>
+    std::optional<uint64_t> first_alike(
+        const datagram_key& key, predicate_t predicate) const;
     bool read(bytes_view& payload);
     void push(bytes_view payload);
     void pop();

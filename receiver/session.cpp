@@ -132,9 +132,8 @@ private:
     measure measured_;
 };
 
-void add_measurement(run_result& result, const measure& measured)
+void add_measurement(run_result& result, const measure& measured, bool framed)
 {
-    const bool framed = result.measured.framed;
     result.measured = measured.result();
     result.measured.framed = framed;
     if (result.wanted_bps && result.measured.rate_bps > 0)
@@ -156,13 +155,13 @@ run_result run_over(
     const bool limited = options.messages || options.bytes;
     // Whoever compares with an endless replay wants it to go on.
     const bool broken_off = source != nullptr && result.reason == end_reason::closed;
-    known.total_is_finite = source_ends || limited || broken_off;
+    known.more_was_expected = source_ends || limited || broken_off;
     known.total_arrived = transport.complete() || result.reason == end_reason::messages ||
                           result.reason == end_reason::bytes;
     transport.finish(
         result, running.measured(),
         result.reason == end_reason::idle && source_ends && !limited);
-    add_measurement(result, running.measured());
+    add_measurement(result, running.measured(), transport.framed());
     known.file_failed = transport.file_failed() || !result.verified.source_error.empty();
     if (!result.verified.source_error.empty()) {
         result.problems.push_back(result.verified.source_error);

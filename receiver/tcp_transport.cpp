@@ -7,13 +7,6 @@
 
 namespace receiver {
 
-namespace {
-
-// A read this long was worth its system call.
-constexpr size_t LONG_READ = 128 * 1024;
-
-} // namespace
-
 tcp_transport::tcp_transport(
     tcp_input& input, message_source* source, kept_file<data_writer> kept)
     : input_(input), kept_(std::move(kept)),
@@ -47,7 +40,7 @@ transport::taken tcp_transport::take(measure& measured, const run_end& end)
     }
     if (end.limit(measured.messages(), measured.bytes()))
         return taken::limit;
-    return fresh < LONG_READ ? taken::little : taken::data;
+    return taken::data;
 }
 
 uint64_t tcp_transport::fault_count() const
@@ -61,8 +54,6 @@ void tcp_transport::finish(run_result& result, measure& measured, bool rest_is_d
         result.verified = verifier_->finish(rest_is_due);
         for (const uint32_t size : verifier_->completed())
             measured.message_complete(last_stamp_, size);
-    } else {
-        result.measured.framed = false;
     }
     if (!input_.error().empty())
         result.problems.push_back(input_.error());

@@ -35,6 +35,9 @@ public:
     // All that the source gives is there; false without a source.
     virtual bool complete() = 0;
 
+    // What arrives is told apart in messages.
+    virtual bool framed() const = 0;
+
     // Nothing that the source gives is still to come, arrived or not.
     virtual bool exhausted() const = 0;
 

@@ -21,6 +21,7 @@ public:
     int fd() const override { return input_.fd(); }
     taken take(measure& measured, const run_end& end) override;
     bool complete() override { return verifier_ && verifier_->complete(); }
+    bool framed() const override { return true; }
     bool exhausted() const override { return verifier_ && verifier_->exhausted(); }
     uint64_t fault_count() const override;
     void finish(run_result& result, measure& measured, bool rest_is_due) override;

@@ -26,7 +26,7 @@ bool is_early(const run_result& run, const circumstances& known)
 {
     if (known.total_arrived)
         return false;
-    return known.total_is_finite || run.measured.messages == 0;
+    return known.more_was_expected || run.measured.messages == 0;
 }
 
 bool is_off_rate(const run_result& run)

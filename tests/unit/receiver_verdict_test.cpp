@@ -24,7 +24,7 @@ run_result whole_run()
 circumstances all_arrived()
 {
     circumstances known;
-    known.total_is_finite = true;
+    known.more_was_expected = true;
     known.total_arrived = true;
     return known;
 }
@@ -119,7 +119,7 @@ TEST(ReceiverVerdict, AFileThatFailedIsItsOwnStatus)
 TEST(ReceiverVerdict, AFiniteTotalThatDidNotArriveIsEarly)
 {
     circumstances known;
-    known.total_is_finite = true;
+    known.more_was_expected = true;
     EXPECT_EQ(judge(whole_run(), known), exit_status::early);
 }
 
@@ -140,7 +140,7 @@ TEST(ReceiverVerdict, ARunInWhichNothingArrivedIsEarly)
     for (const bool finite : {false, true}) {
         run_result run;
         circumstances known;
-        known.total_is_finite = finite;
+        known.more_was_expected = finite;
         EXPECT_EQ(judge(run, known), exit_status::early) << finite;
     }
 }
