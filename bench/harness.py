@@ -1,0 +1,125 @@
+"""What the benchmarks share: their options, processes and the processor time of their
+threads, processors to run on, recordings to replay, and samples as CSV.
+
+The measured thread gets the machine's last processor, everything else the others.
+"""
+import argparse
+import csv
+import os
+import pathlib
+import random
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).parents[1]
+sys.path.insert(0, str(ROOT / "tests" / "e2e"))
+import capture_builder
+
+PROCESSORS = sorted(os.sched_getaffinity(0))
+MEASURED = PROCESSORS[-1:]
+OTHERS = PROCESSORS[:-1] or PROCESSORS
+
+
+def options(doc):
+    """The words that every benchmark takes."""
+    parser = argparse.ArgumentParser(description=doc)
+    parser.add_argument(
+        "--build", type=pathlib.Path, default=ROOT / "build/release", help="folder of the programs"
+    )
+    parser.add_argument(
+        "--out", type=pathlib.Path, default=pathlib.Path("."), help="folder of the samples"
+    )
+    parser.add_argument("--quick", action="store_true", help="few and short runs: a smoke test")
+    return parser.parse_args()
+
+
+class Samples:
+    """A CSV file that grows by one line per run."""
+
+    def __init__(self, path, columns):
+        self.file = open(path, "w", newline="")
+        self.writer = csv.DictWriter(self.file, columns, lineterminator="\n")
+        self.writer.writeheader()
+
+    def add(self, **values):
+        self.writer.writerow(values)
+        self.file.flush()
+
+
+def start(*words, **settings):
+    """A quiet process; Popen's settings override that."""
+    quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+    return subprocess.Popen([*map(str, words)], **{**quiet, **settings})
+
+
+def finish(process):
+    """Waits for the end: the status and the processor seconds."""
+    _, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    return process.returncode, usage.ru_utime + usage.ru_stime
+
+
+def stop(process, number=signal.SIGINT):
+    process.send_signal(number)
+    process.wait()
+
+
+def free_port(kind=socket.SOCK_STREAM):
+    with socket.socket(type=kind) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def wait_for(table, port, process):
+    """Until somebody listens there; `table` is one of /proc/net's."""
+    wanted = re.compile(rf": [0-9A-F]{{8}}:{port:04X} 00000000:0000 0[A7] ")
+    while not wanted.search(pathlib.Path(f"/proc/net/{table}").read_text()):
+        if process.poll() is not None:
+            sys.exit(f"{process.args[0]} has ended with {process.returncode}")
+
+
+def thread_named(process, name):
+    """The id of the process's thread of that name, once there is one."""
+    while process.poll() is None:
+        for task in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
+            if (task / "comm").read_text().strip() == name:
+                return int(task.name)
+    sys.exit(f"{process.args[0]} has ended with {process.returncode}")
+
+
+def cpu_ns(process, thread=None):
+    """Nanoseconds that one thread has run; the first one when none is named."""
+    path = f"/proc/{process.pid}/task/{thread or process.pid}/schedstat"
+    return int(pathlib.Path(path).read_text().split()[0])
+
+
+def process_cpu_ns(process):
+    """Nanoseconds that all the threads alive have run."""
+    tasks = pathlib.Path(f"/proc/{process.pid}/task")
+    return sum(cpu_ns(process, int(task.name)) for task in tasks.iterdir())
+
+
+def write_data(path, size):
+    """A data file of noise."""
+    block = random.Random(1).randbytes(1 << 20)
+    with open(path, "wb") as out:
+        for _ in range(size >> 20):
+            out.write(block)
+        out.write(block[: size & 0xFFFFF])
+
+
+def write_capture(path, size, count, protocol=capture_builder.udp):
+    """A capture of `count` payloads of `size` bytes, each led by its number. Written as
+    it is made, because it may be large."""
+    frame = protocol(bytes(size)).data
+    record = struct.pack("<IIII", 0, 0, len(frame), len(frame)) + frame[:-size]
+    noise = random.Random(1).randbytes(1 << 20)
+    with open(path, "wb") as out:
+        out.write(capture_builder.pcap([]))
+        for number in range(count):
+            at = number * 61 % (len(noise) - size)
+            out.write(record + struct.pack("<Q", number) + noise[at : at + size - 8])

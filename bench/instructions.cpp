@@ -1,0 +1,288 @@
+// Walks one path of the sender under callgrind, which counts the instructions between
+// two marks. Nothing here depends on time: the queue is filled while nobody takes from
+// it, and emptied while nobody fills it.
+// Usage: instructions PATH   prints how many messages were counted
+//        instructions        prints all paths, after a line on what counts depend on
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <semaphore>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <arpa/inet.h>
+#include <gnu/libc-version.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <valgrind/callgrind.h>
+
+#include "support/capture_builder.h"
+#include "support/scratch_dir.h"
+#include "tcp_replay.h"
+
+namespace {
+
+#ifdef __clang__
+constexpr const char* COMPILER = __VERSION__; // names itself
+#else
+constexpr const char* COMPILER = "g++ " __VERSION__;
+#endif
+
+constexpr int WARM_UP = 200; // the first calls also resolve symbols and fill caches
+constexpr int COUNTED = 800;
+constexpr size_t POLLED_SIZE = 64;
+
+// A loopback socket that is bound and takes what comes.
+class peer {
+public:
+    explicit peer(int type) : fd_(::socket(AF_INET, type, 0))
+    {
+        address_.sin_family = AF_INET;
+        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address_);
+        if (::bind(fd_, generic(), length) != 0 ||
+            ::getsockname(fd_, generic(), &length) != 0)
+            throw std::runtime_error("no loopback socket");
+    }
+    ~peer() { ::close(fd_); }
+    peer(const peer&) = delete;
+    peer& operator=(const peer&) = delete;
+
+    int fd() const { return fd_; }
+    std::string name() const
+    {
+        return "127.0.0.1:" + std::to_string(ntohs(address_.sin_port));
+    }
+    void connect_to(const std::string& name)
+    {
+        address_.sin_port =
+            htons(static_cast<uint16_t>(std::stoi(name.substr(name.find(':') + 1))));
+        if (::connect(fd_, generic(), sizeof(address_)) != 0)
+            throw std::runtime_error("cannot connect to " + name);
+    }
+
+private:
+    sockaddr* generic() { return reinterpret_cast<sockaddr*>(&address_); }
+
+    int fd_;
+    sockaddr_in address_{};
+};
+
+vesk::data_t make_message(size_t size)
+{
+    auto message = std::make_shared<vesk::dataBuffer>();
+    message->length = size;
+    return message;
+}
+
+// An engine that meets its messages only once all of them are queued, and marks the
+// poller's work between two of them: the loop, the wait's user-space part, the dispatch
+// and the sending.
+template <class engine_t>
+class counted_engine : public engine_t {
+public:
+    using engine_t::engine_t;
+
+    void out_event() override
+    {
+        if (calls_ == 0) {
+            ready_.release();
+            filled_.acquire();
+        }
+        if (calls_ == WARM_UP || calls_ == WARM_UP + COUNTED)
+            CALLGRIND_TOGGLE_COLLECT;
+        if (calls_ == WARM_UP + COUNTED)
+            done_.release();
+        ++calls_;
+        engine_t::out_event();
+    }
+
+    // Main thread: fills the queue and returns when all of it has been sent.
+    void run()
+    {
+        ready_.acquire();
+        for (int i = 0; i < WARM_UP + COUNTED; ++i) {
+            if (this->sendto(make_message(POLLED_SIZE)) != 0)
+                throw std::runtime_error("the queue is too small");
+        }
+        filled_.release();
+        done_.acquire();
+    }
+
+private:
+    std::binary_semaphore ready_{0};
+    std::binary_semaphore filled_{0};
+    std::binary_semaphore done_{0};
+    int calls_{0};
+};
+
+// Far above what the test clock allows unpaced: each message waits for one reading.
+constexpr uint64_t PACED_SPEED = POLLED_SIZE * 8 * 500;
+
+int poll_udp(uint64_t speed)
+{
+    const peer receiver(SOCK_DGRAM);
+    std::string address = receiver.name();
+    const auto poller = std::make_shared<vesk::epoll_t>();
+    counted_engine<vesk::udp_engine> engine(poller, true);
+    engine.set_speed(speed);
+    if (engine.set_local_address(address) != 0 || poller->start_poller("poller") != 0)
+        throw std::runtime_error("no sender");
+    engine.run();
+    poller->stop_poller();
+    return COUNTED;
+}
+
+int poll_tcp()
+{
+    std::string address;
+    {
+        const peer probe(SOCK_STREAM); // a port that is free from here on
+        address = probe.name();
+    }
+    const auto poller = std::make_shared<vesk::epoll_t>();
+    const int wakeup = ::eventfd(0, EFD_NONBLOCK);
+    counted_engine<vesk::tcp_engine> engine(poller, wakeup);
+    if (engine.set_local_address(address) != 0 || poller->start_poller("poller") != 0)
+        throw std::runtime_error("no sender");
+    peer receiver(SOCK_STREAM);
+    receiver.connect_to(address);
+    engine.run();
+    poller->stop_poller();
+    ::close(wakeup);
+    return COUNTED;
+}
+
+// A replay whose poller thread has ended. The queue is emptied by the same thread
+// that fills it, so that where a buffer is freed does not depend on chance.
+template <class replay_t>
+class lone_replay : public replay_t {
+public:
+    template <class... args_t>
+    explicit lone_replay(args_t&&... args) : replay_t(std::forward<args_t>(args)...)
+    {
+        this->poller_->stop_poller();
+    }
+
+    // Runs `pass` twice and counts the second one: the messages it has queued.
+    template <class pass_t>
+    int count(pass_t pass)
+    {
+        pass();
+        (void)drain();
+        CALLGRIND_TOGGLE_COLLECT;
+        pass();
+        CALLGRIND_TOGGLE_COLLECT;
+        return drain();
+    }
+
+private:
+    int drain()
+    {
+        int messages = 0;
+        for (vesk::data_t message; this->engine_->pull_msg_from_pipe(message) == 0;)
+            ++messages;
+        return messages;
+    }
+};
+
+struct file_producer : lone_replay<vesk::filereplay> {
+    using lone_replay::lone_replay;
+    int read()
+    {
+        return count([this] { replay_files(); });
+    }
+    int preloaded()
+    {
+        return count([this] { replay_preloaded(msg_v_); });
+    }
+};
+
+struct capture_producer : lone_replay<vesk::pcapreplay> {
+    using lone_replay::lone_replay;
+    int read()
+    {
+        return count([this] { replay_captures("udp"); });
+    }
+};
+
+int produce_from_file(bool preload)
+{
+    const support::scratch_dir folder;
+    const std::string path = folder.file("data");
+    support::write_file(path, std::string(COUNTED * size_t{vesk::MAX_BUFFER_SIZE}, 'x'));
+    const peer receiver(SOCK_DGRAM);
+    file_producer producer(
+        receiver.name(), path, vesk::PROTOTYPE::UDP, 1U, preload, 0U, vesk::devname_t());
+    return preload ? producer.preloaded() : producer.read();
+}
+
+int produce_from_capture(size_t size)
+{
+    const support::scratch_dir folder;
+    const std::string path = folder.file("capture");
+    support::frame_parts parts;
+    parts.payload = support::sample_bytes(size);
+    support::write_file(
+        path, support::capture_bytes(
+                  {static_cast<size_t>(COUNTED), support::udp_frame(parts)}));
+    const peer receiver(SOCK_DGRAM);
+    capture_producer producer(
+        receiver.name(), path, vesk::PROTOTYPE::UDP, 1U, false, 0U, vesk::devname_t());
+    return producer.read();
+}
+
+const std::map<std::string, std::function<int()>> PATHS{
+    {"poller-udp", [] { return poll_udp(0); }},
+    {"poller-udp-paced", [] { return poll_udp(PACED_SPEED); }},
+    {"poller-tcp", [] { return poll_tcp(); }},
+    {"producer-data-file", [] { return produce_from_file(false); }},
+    {"producer-preloaded", [] { return produce_from_file(true); }},
+    {"producer-capture-64", [] { return produce_from_capture(64); }},
+    {"producer-capture-500", [] { return produce_from_capture(500); }},
+    {"producer-capture-1400", [] { return produce_from_capture(1400); }},
+};
+
+// With another compiler or library the counts are others. The C library picks its
+// copying loops by what the processor can do.
+void list_paths()
+{
+    std::cout << COMPILER << ", C library " << ::gnu_get_libc_version() << ", "
+              << ::pcap_lib_version()
+              << (__builtin_cpu_supports("avx2") ? ", AVX2" : ", no AVX2") << '\n';
+    for (const auto& [name, run] : PATHS)
+        std::cout << name << '\n';
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+try {
+    if (argc == 1) {
+        list_paths();
+        return 0;
+    }
+    const auto path = PATHS.find(argv[1]);
+    if (path == PATHS.end()) {
+        std::cerr << "instructions: no path " << argv[1] << '\n';
+        return 2;
+    }
+    // Captures describe themselves on standard output, which is kept for the number.
+    std::streambuf* const output = std::cout.rdbuf(nullptr);
+    const int messages = path->second();
+    std::cout.rdbuf(output);
+    std::cout.clear();
+    std::cout << messages << '\n';
+    return 0;
+} catch (const std::exception& error) {
+    std::cerr << "instructions: " << error.what() << '\n';
+    return 1;
+}
