@@ -31,6 +31,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "processors.h"
 #include "support/capture_builder.h"
 #include "tcp_engine.h"
 
@@ -59,27 +60,6 @@ int checked(int rc, const char* what)
     if (rc == -1)
         fail(what);
     return rc;
-}
-
-// The measured thread gets the last processor, everything else shares the others.
-void pin(pid_t tid, bool measured)
-{
-    cpu_set_t all;
-    CPU_ZERO(&all);
-    checked(::sched_getaffinity(0, sizeof(all), &all), "sched_getaffinity");
-    static const cpu_set_t available = all;
-
-    int last = CPU_SETSIZE - 1;
-    while (!CPU_ISSET(static_cast<size_t>(last), &available))
-        --last;
-    cpu_set_t wanted = available;
-    if (CPU_COUNT(&available) > 1)
-        CPU_CLR(static_cast<size_t>(last), &wanted);
-    if (measured) {
-        CPU_ZERO(&wanted);
-        CPU_SET(static_cast<size_t>(last), &wanted);
-    }
-    checked(::sched_setaffinity(tid, sizeof(wanted), &wanted), "sched_setaffinity");
 }
 
 // The receiver shares its processor with the sender's reading thread, which spins.
@@ -236,7 +216,7 @@ private:
         pid_ = checked(::fork(), "fork");
         if (pid_ == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            pin(0, true);
+            bench::pin(0, true);
             bare_loop(p, fd, loopback(port_));
         }
         ::close(fd);
@@ -268,7 +248,7 @@ private:
             ::_exit(127);
         }
         tid_ = find_thread(pid_, "poller_thread");
-        pin(tid_, true);
+        bench::pin(tid_, true);
     }
 
     pid_t pid_{};
@@ -374,14 +354,6 @@ double measure(const plan& p, const std::string& kind, const fs::path& recording
     return static_cast<double>(spent) / static_cast<double>(p.messages);
 }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle]
-                                  : (values[middle - 1] + values[middle]) / 2;
-}
-
 plan parse(int argc, char** argv)
 {
     plan p;
@@ -413,7 +385,7 @@ plan parse(int argc, char** argv)
 
 void run(const plan& p)
 {
-    pin(0, false);
+    bench::pin(0, false);
     put_first();
     std::string folder = (fs::temp_directory_path() / "loopback.XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr)
@@ -422,22 +394,13 @@ void run(const plan& p)
     for (const std::string& kind : kinds)
         write_recording(fs::path(folder) / kind, p, kind == "preloaded");
 
-    std::array<std::vector<double>, kinds.size()> samples;
-    std::cout << "protocol,size,kind,run,ns_per_message\n";
+    std::cout << "protocol,size,subject,run,ns_per_message\n";
     for (int i = 0; i < p.runs; ++i) {
-        for (size_t k = 0; k < kinds.size(); ++k) {
-            samples[k].push_back(measure(p, kinds[k], fs::path(folder) / kinds[k]));
-            std::cout << (p.tcp ? "tcp," : "udp,") << p.size << ',' << kinds[k] << ','
-                      << i << ',' << samples[k].back() << std::endl;
-        }
+        for (const std::string& kind : kinds)
+            std::cout << (p.tcp ? "tcp," : "udp,") << p.size << ',' << kind << ',' << i
+                      << ',' << measure(p, kind, fs::path(folder) / kind) << std::endl;
     }
     fs::remove_all(folder);
-
-    const double bare = median(samples[0]);
-    for (size_t k = 0; k < kinds.size(); ++k)
-        std::cerr << (p.tcp ? "tcp " : "udp ") << p.size << ' ' << kinds[k] << ": median "
-                  << median(samples[k]) << " ns, " << median(samples[k]) / bare
-                  << " times the bare loop\n";
 }
 
 } // namespace
