@@ -37,6 +37,11 @@ namespace vesk {
 enum : int { QUEUE_CAPACITY = 1024 };
 enum : int { LISTEN_BACKLOG = 100 };
 
+// Messages sent that the main thread frees for each one that it hands over: more than
+// one, so that they become fewer, and few, so that the heap's end is not given back to
+// the system and asked for again.
+enum : int { FREED_PER_MESSAGE = 2 };
+
 // The pacing record. It spans the whole run, so that a rate holds over files and
 // passes and not just within one.
 struct replay_stats {
@@ -119,8 +124,10 @@ public:
     template <class message_t>
     int32_t push_msg_to_pipe(message_t&& msg)
     {
-        if (queue_ != nullptr && queue_->enqueue(std::forward<message_t>(msg)))
+        if (queue_ != nullptr && queue_->enqueue(std::forward<message_t>(msg))) {
+            free_spent();
             return 0;
+        }
         errno = EAGAIN;
         return -1;
     }
@@ -198,6 +205,7 @@ protected:
         if (pull_msg_from_pipe(msg) != 0)
             return true;
 
+        fetch_next();
         const bool paced = !stats.top_speed;
         timestamp_t now;
         if (paced)
@@ -214,7 +222,38 @@ protected:
             stats.end_time = now;
             stats.bytes_sent += msg->length;
         }
+        give_back(std::move(msg));
         return true;
+    }
+
+    // Poller thread. Has the head of the next message brought over from the main thread's
+    // processor while this one is being sent.
+    void fetch_next()
+    {
+        constexpr size_t CACHE_LINE = 64;
+        const data_t* next = queue_->frontPtr();
+        if (next == nullptr)
+            return;
+        const char* head = reinterpret_cast<const char*>(next->get());
+        __builtin_prefetch(head);
+        __builtin_prefetch(head + CACHE_LINE);
+    }
+
+    // Poller thread. Returns a message that nobody else holds to the thread that made
+    // it. Freed here it would cost a lock in the heap, which the other thread keeps
+    // busy with the next message. Without room it is freed here all the same.
+    void give_back(data_t msg)
+    {
+        if (msg.use_count() == 1)
+            (void)spent_.enqueue(std::move(msg));
+    }
+
+    // Main thread. The other end of give_back().
+    void free_spent()
+    {
+        data_t spent;
+        for (int i = 0; i < FREED_PER_MESSAGE && spent_.try_dequeue(spent); ++i) {
+        }
     }
 
     // Deals with a first send that returned `sent`, not the whole length; errno
@@ -303,6 +342,7 @@ protected:
     // Null until the engine can send. For TCP the poller thread sets it, and the
     // main thread may look only after the wake-up has reached it.
     queue_ptr queue_;
+    queue_ptr::element_type spent_{QUEUE_CAPACITY}; // messages sent, on their way back
 };
 
 // Listens, and sends to the newest receiver that has connected. The main thread

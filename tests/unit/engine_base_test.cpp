@@ -36,6 +36,7 @@ public:
     using engine_base::pull_msg_from_pipe;
     using engine_base::push_msg_to_pipe;
     using engine_base::queue_;
+    using engine_base::send_next;
     using engine_base::set_reuse_address;
     using engine_base::unblock_socket;
     using engine_base::wait_to_send;
@@ -43,6 +44,22 @@ public:
 
 class EngineBase : public support::engine_fixture {
 protected:
+    // Sends the oldest message to nowhere.
+    void send_one()
+    {
+        ASSERT_TRUE(engine_.send_next(vesk::retired_fd, [](const char*, size_t length) {
+            return static_cast<ssize_t>(length);
+        }));
+    }
+    // Hands over a message that only the engine holds, and tells whether it still lives.
+    std::weak_ptr<vesk::dataBuffer> hand_over()
+    {
+        auto msg = message("abc");
+        const std::weak_ptr<vesk::dataBuffer> watch = msg;
+        EXPECT_EQ(engine_.push_msg_to_pipe(std::move(msg)), 0);
+        return watch;
+    }
+
     plain_engine engine_;
 };
 
@@ -120,6 +137,85 @@ TEST_F(EngineBase, SendtoHandsOverAndMakesNoSocketCall)
     EXPECT_EQ(given, nullptr);
     EXPECT_EQ(calls, 0);
 }
+
+// A message that has been sent.
+
+TEST_F(EngineBase, AMessageThatItsCallerKeepsIsReleasedOnceSent)
+{
+    engine_.queue_ = support::queue_of(1);
+    const auto msg = message("abc");
+    ASSERT_EQ(engine_.push_msg_to_pipe(msg), 0);
+    send_one();
+    EXPECT_EQ(msg.use_count(), 1);
+}
+
+TEST_F(EngineBase, AMessageThatNobodyKeepsIsFreedByTheThreadThatHandsOver)
+{
+    engine_.queue_ = support::queue_of(1);
+    const auto watch = hand_over();
+    send_one();
+    EXPECT_FALSE(watch.expired());
+    (void)hand_over();
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(EngineBase, ARefusedMessageFreesNone)
+{
+    engine_.queue_ = support::queue_of(2);
+    const auto watch = hand_over();
+    (void)hand_over();
+    send_one();
+    engine_.queue_ = support::queue_of(0);
+    EXPECT_EQ(engine_.push_msg_to_pipe(message("refused")), -1);
+    EXPECT_FALSE(watch.expired());
+}
+
+TEST_F(EngineBase, MessagesSentBecomeFewerWhileOthersAreHandedOver)
+{
+    engine_.queue_ = support::queue_of(vesk::QUEUE_CAPACITY);
+    std::vector<std::weak_ptr<vesk::dataBuffer>> watches;
+    for (int i = 0; i < 4; ++i)
+        watches.push_back(hand_over());
+    for (int i = 0; i < 4; ++i)
+        send_one();
+    (void)hand_over();
+    EXPECT_TRUE(watches[1].expired());
+    EXPECT_FALSE(watches[2].expired());
+    (void)hand_over();
+    EXPECT_TRUE(watches[3].expired());
+}
+
+TEST_F(EngineBase, WithoutRoomForItOnTheWayBackAMessageIsFreedAtOnce)
+{
+    engine_.queue_ = support::queue_of(vesk::QUEUE_CAPACITY + 1);
+    std::weak_ptr<vesk::dataBuffer> last;
+    for (int i = 0; i <= vesk::QUEUE_CAPACITY; ++i)
+        last = hand_over();
+    for (int i = 0; i < vesk::QUEUE_CAPACITY; ++i)
+        send_one();
+    EXPECT_FALSE(last.expired());
+    send_one();
+    EXPECT_TRUE(last.expired());
+}
+
+TEST_F(EngineBase, AnEngineFreesTheMessagesOnTheirWayBack)
+{
+    std::weak_ptr<vesk::dataBuffer> watch;
+    {
+        plain_engine engine;
+        engine.queue_ = support::queue_of(1);
+        auto msg = message("abc");
+        watch = msg;
+        ASSERT_EQ(engine.push_msg_to_pipe(std::move(msg)), 0);
+        ASSERT_TRUE(engine.send_next(vesk::retired_fd, [](const char*, size_t length) {
+            return static_cast<ssize_t>(length);
+        }));
+        EXPECT_FALSE(watch.expired());
+    }
+    EXPECT_TRUE(watch.expired());
+}
+
+// Taking over.
 
 TEST_F(EngineBase, APullWithoutAQueueGivesNothing)
 {
