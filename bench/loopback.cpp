@@ -102,6 +102,15 @@ uint64_t cpu_time(pid_t pid, pid_t tid)
     return time;
 }
 
+// The receiver naps when there is nothing instead of waiting: waking it would cost the
+// sending thread as much as several sends, and how often that happens is chance. As it
+// goes first on its processor, napping is also how it lets others run there.
+void nap()
+{
+    const timespec pause{0, 100000};
+    ::nanosleep(&pause, nullptr);
+}
+
 pid_t find_thread(pid_t pid, const std::string& name)
 {
     for (int tries = 0; tries < 100000; ++tries) {
@@ -112,9 +121,22 @@ pid_t find_thread(pid_t pid, const std::string& name)
             if (found == name)
                 return std::stoi(task.path().filename());
         }
-        ::sched_yield();
+        nap();
     }
     throw std::runtime_error("no thread " + name);
+}
+
+// Starts a child that dies with its parent.
+pid_t fork_subject()
+{
+    const pid_t parent = ::getpid();
+    const pid_t pid = checked(::fork(), "fork");
+    if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) // died before the line above
+            ::_exit(1);
+    }
+    return pid;
 }
 
 // A message's bytes: its number, then a pattern.
@@ -213,9 +235,8 @@ private:
             port_ = bind_anywhere(fd);
             checked(::listen(fd, 1), "listen");
         }
-        pid_ = checked(::fork(), "fork");
+        pid_ = fork_subject();
         if (pid_ == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             bench::pin(0, true);
             bare_loop(p, fd, loopback(port_));
         }
@@ -235,9 +256,8 @@ private:
         }
         const std::string port = std::to_string(port_);
         const char* preload = kind == "preloaded" ? "1" : "0";
-        pid_ = checked(::fork(), "fork");
+        pid_ = fork_subject();
         if (pid_ == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             const int null = ::open("/dev/null", O_WRONLY);
             ::dup2(null, STDOUT_FILENO);
             ::execl(
@@ -259,23 +279,15 @@ private:
 int connect_to(uint16_t port)
 {
     const sockaddr_in address = loopback(port);
-    for (int tries = 0; tries < 1000000; ++tries) {
+    for (int tries = 0; tries < 100000; ++tries) {
         const int fd = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
             0)
             return fd;
         ::close(fd);
-        ::sched_yield();
+        nap();
     }
     fail("connect");
-}
-
-// The receiver naps when there is nothing instead of waiting: waking it would cost the
-// sending thread as much as several sends, and how often that happens is chance.
-void nap()
-{
-    const timespec pause{0, 100000};
-    ::nanosleep(&pause, nullptr);
 }
 
 // Takes bytes off the stream, without copying them, until `bytes` have come.
