@@ -43,7 +43,7 @@ def run(*words):
     subprocess.run(words, check=True, capture_output=True, text=True)
 
 
-def _create(hosts):
+def create_cable(hosts):
     for host in hosts:
         run("ip", "netns", "add", host.name)
     one, other = hosts
@@ -71,7 +71,7 @@ def hosts():
     )
     try:
         try:
-            _create(pair)
+            create_cable(pair)
         except subprocess.CalledProcessError as error:
             pytest.skip(f"no network namespaces here: {error.stderr.strip()}")
         yield pair
