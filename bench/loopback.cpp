@@ -1,8 +1,11 @@
 // Compares the sender's poller thread with a bare single-threaded loop that makes
-// the same system calls: processor time per message over loopback, interleaved
-// runs, one receiver for all. The receiver runs on the main thread.
+// the same system calls, and with one whose buffers a second thread writes: processor
+// time per message over loopback, interleaved runs, one receiver for all, on the main
+// thread. stub_calls.cpp, preloaded into each, counts bursts out of a full queue: a
+// poller that finds it empty spins, and that is no part of a message's cost.
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -13,10 +16,12 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -42,8 +47,11 @@ namespace fs = std::filesystem;
 constexpr size_t DISTINCT_MESSAGES = vesk::QUEUE_CAPACITY;
 constexpr size_t RECEIVE_BUFFER = 64 << 20;
 
+constexpr const char* BURST = "900"; // messages: less than the queue holds
+
 struct plan {
     std::string sender;
+    std::string library;
     bool tcp{true};
     size_t size{10240};
     uint64_t messages{400000}; // measured per run
@@ -91,17 +99,6 @@ uint16_t bind_anywhere(int fd)
     return ntohs(address.sin_port);
 }
 
-// Nanoseconds that a thread has run.
-uint64_t cpu_time(pid_t pid, pid_t tid)
-{
-    std::ifstream file(
-        "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/schedstat");
-    uint64_t time = 0;
-    if (!(file >> time))
-        throw std::runtime_error("no schedstat: the kernel does not count it");
-    return time;
-}
-
 // The receiver naps when there is nothing instead of waiting: waking it would cost the
 // sending thread as much as several sends, and how often that happens is chance. As it
 // goes first on its processor, napping is also how it lets others run there.
@@ -109,21 +106,6 @@ void nap()
 {
     const timespec pause{0, 100000};
     ::nanosleep(&pause, nullptr);
-}
-
-pid_t find_thread(pid_t pid, const std::string& name)
-{
-    for (int tries = 0; tries < 100000; ++tries) {
-        for (const auto& task :
-             fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-            std::string found;
-            std::getline(std::ifstream(task.path() / "comm"), found);
-            if (found == name)
-                return std::stoi(task.path().filename());
-        }
-        nap();
-    }
-    throw std::runtime_error("no thread " + name);
 }
 
 // Starts a child that dies with its parent.
@@ -139,22 +121,18 @@ pid_t fork_subject()
     return pid;
 }
 
-// A message's bytes: its number, then a pattern.
-std::string message(uint64_t number, size_t size)
+std::string message(size_t number, size_t size)
 {
-    std::string bytes = support::sample_bytes(size, static_cast<uint32_t>(number));
-    std::memcpy(bytes.data(), &number, sizeof(number));
-    return bytes;
+    return support::sample_bytes(size, static_cast<uint32_t>(number));
 }
 
-// The recording that the sender replays: a data file for TCP, a capture for UDP. A
-// preloaded one goes out backwards, so it is written backwards.
-void write_recording(const fs::path& path, const plan& p, bool backwards)
+// The recording that the sender replays: a data file for TCP, a capture for UDP.
+void write_recording(const fs::path& path, const plan& p)
 {
     std::string data;
     std::vector<support::frame> frames;
     for (size_t i = 0; i < DISTINCT_MESSAGES; ++i) {
-        std::string bytes = message(backwards ? DISTINCT_MESSAGES - 1 - i : i, p.size);
+        std::string bytes = message(i, p.size);
         if (p.tcp) {
             data += bytes;
         } else {
@@ -166,32 +144,91 @@ void write_recording(const fs::path& path, const plan& p, bool backwards)
     support::write_file(path, p.tcp ? data : support::capture_bytes(frames));
 }
 
-// The loop that does nothing but wait and send, from as many buffers as the
-// sender's queue holds messages.
-[[noreturn]] void bare_loop(const plan& p, int fd, const sockaddr_in& target)
-{
-    std::vector<std::unique_ptr<vesk::dataBuffer>> buffers;
-    for (size_t i = 0; i < DISTINCT_MESSAGES; ++i) {
-        const auto bytes = message(i, p.size);
-        buffers.push_back(std::make_unique<vesk::dataBuffer>());
-        std::memcpy(buffers.back()->buf, bytes.data(), bytes.size());
+// As many buffers as the sender's queue holds messages.
+class ring {
+public:
+    explicit ring(const plan& p) : size_(p.size)
+    {
+        for (size_t i = 0; i < DISTINCT_MESSAGES; ++i) {
+            buffers_.push_back(std::make_unique<vesk::dataBuffer>());
+            const auto bytes = message(i, size_);
+            std::memcpy(buffers_.back()->buf, bytes.data(), size_);
+        }
     }
-    if (p.tcp)
+
+    const char* at(uint64_t number) const
+    {
+        return buffers_[number % DISTINCT_MESSAGES]->buf;
+    }
+
+    // The writing thread, without end: writes each buffer anew once it has been sent.
+    [[noreturn]] void feed()
+    {
+        const auto originals = buffers_copy();
+        for (uint64_t next = 0;; ++next) {
+            while (next - sent_.load(std::memory_order_acquire) == DISTINCT_MESSAGES) {
+            }
+            const size_t i = next % DISTINCT_MESSAGES;
+            std::memcpy(buffers_[i]->buf, originals[i].data(), size_);
+            written_.store(next + 1, std::memory_order_release);
+        }
+    }
+
+    // The sending thread, of a ring that is fed.
+    void await(uint64_t number) const
+    {
+        while (written_.load(std::memory_order_acquire) <= number) {
+        }
+    }
+    void release(uint64_t number) { sent_.store(number + 1, std::memory_order_release); }
+
+private:
+    std::vector<std::string> buffers_copy() const
+    {
+        std::vector<std::string> copies;
+        for (const auto& buffer : buffers_)
+            copies.emplace_back(buffer->buf, size_);
+        return copies;
+    }
+
+    size_t size_;
+    std::vector<std::unique_ptr<vesk::dataBuffer>> buffers_;
+    alignas(64) std::atomic<uint64_t> written_{0};
+    alignas(64) std::atomic<uint64_t> sent_{0};
+};
+
+// The descriptor to send to, with its writability watched.
+int open_for_sending(const plan& p, int fd)
+{
+    if (p.tcp) {
+        const int one = 1;
         fd = checked(::accept(fd, nullptr, nullptr), "accept");
-    checked(::fcntl(fd, F_SETFL, O_NONBLOCK), "fcntl");
-    const int one = 1;
-    if (p.tcp)
         checked(
             ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one)), "setsockopt");
+    }
+    checked(::fcntl(fd, F_SETFL, O_NONBLOCK), "fcntl");
+    return fd;
+}
 
+// The loop that does nothing but wait and send. `fed`: out of buffers that another
+// thread writes, by the plainest of hand-overs, which is what a sender in two threads
+// cannot do without.
+[[noreturn]] void bare_loop(const plan& p, int fd, const sockaddr_in& target, bool fed)
+{
+    static ring messages(p);
+    if (fed)
+        std::thread([] { messages.feed(); }).detach();
+    fd = open_for_sending(p, fd);
     const int epoll_fd = checked(::epoll_create(1), "epoll_create");
     epoll_event interest{EPOLLOUT, {}};
     checked(::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &interest), "epoll_ctl");
     epoll_event events[vesk::MAX_IO_EVENTS];
-    for (size_t next = 0;; next = (next + 1) % DISTINCT_MESSAGES) {
+    for (uint64_t next = 0;; ++next) {
         while (::epoll_wait(epoll_fd, events, vesk::MAX_IO_EVENTS, 100) < 1) {
         }
-        const char* data = buffers[next]->buf;
+        if (fed)
+            messages.await(next);
+        const char* data = messages.at(next);
         const ssize_t sent =
             p.tcp ? ::send(fd, data, p.size, 0)
                   : ::sendto(
@@ -199,81 +236,109 @@ void write_recording(const fs::path& path, const plan& p, bool backwards)
                         sizeof(target));
         if (sent != static_cast<ssize_t>(p.size))
             ::_exit(1);
+        if (fed)
+            messages.release(next);
     }
 }
 
-// One sending process. It dies with this object.
+// One sending process, under the library. It dies with this object.
 class subject {
 public:
     subject(const subject&) = delete;
     subject& operator=(const subject&) = delete;
     subject(
-        const plan& p, const std::string& kind, const fs::path& recording,
-        uint16_t udp_port)
+        const plan& p, const std::string& kind, const fs::path& folder, uint16_t udp_port)
+        : port_(udp_port), report_(folder / "report")
     {
-        if (kind == "bare")
-            start_bare(p, udp_port);
+        if (kind == "bare" || kind == "fed")
+            start_loop(p, kind);
         else
-            start_sender(p, kind, recording, udp_port);
+            start_sender(p, kind, folder / "recording");
     }
     ~subject()
     {
+        if (pid_ == 0)
+            return;
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
     }
 
     uint16_t port() const { return port_; }
-    uint64_t cpu_time() const { return ::cpu_time(pid_, tid_); }
+
+    // Whether it has sent all that is to be counted.
+    bool has_ended()
+    {
+        int status = 0;
+        if (pid_ != 0 && checked(::waitpid(pid_, &status, WNOHANG), "waitpid") == pid_) {
+            pid_ = 0;
+            if (status != 0)
+                throw std::runtime_error("a sender has failed");
+        }
+        return pid_ == 0;
+    }
+
+    // Nanoseconds per message, once it has ended.
+    double cost() const
+    {
+        std::ifstream file(report_);
+        const auto report = nlohmann::json::parse(file);
+        return report.at("poller_ns").get<double>() / report.at("messages").get<double>();
+    }
 
 private:
-    void start_bare(const plan& p, uint16_t udp_port)
+    void start_loop(const plan& p, const std::string& kind)
     {
         const int fd =
             checked(::socket(AF_INET, p.tcp ? SOCK_STREAM : SOCK_DGRAM, 0), "socket");
-        port_ = udp_port;
         if (p.tcp) {
             port_ = bind_anywhere(fd);
             checked(::listen(fd, 1), "listen");
         }
-        pid_ = fork_subject();
-        if (pid_ == 0) {
-            bench::pin(0, true);
-            bare_loop(p, fd, loopback(port_));
-        }
+        start(
+            p, {"/proc/self/exe", kind, p.tcp ? "tcp" : "udp", std::to_string(p.size),
+                std::to_string(fd), std::to_string(port_)});
         ::close(fd);
-        tid_ = pid_;
     }
 
-    void start_sender(
-        const plan& p, const std::string& kind, const fs::path& recording,
-        uint16_t udp_port)
+    void start_sender(const plan& p, const std::string& kind, const fs::path& recording)
     {
-        port_ = udp_port;
         if (p.tcp) { // a port that was free a moment ago
             const int fd = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
             port_ = bind_anywhere(fd);
             ::close(fd);
         }
-        const std::string port = std::to_string(port_);
-        const char* preload = kind == "preloaded" ? "1" : "0";
-        pid_ = fork_subject();
-        if (pid_ == 0) {
-            const int null = ::open("/dev/null", O_WRONLY);
-            ::dup2(null, STDOUT_FILENO);
-            ::execl(
-                p.sender.c_str(), "replay_sender", "--filepath", recording.c_str(),
-                "--port", port.c_str(), "--loopback", "0", "--preload", preload,
+        start(
+            p, {p.sender, "--filepath", recording, "--port", std::to_string(port_),
+                "--loopback", "0", "--preload", kind == "preloaded" ? "1" : "0",
                 "--protocol", p.tcp ? "tcp" : "udp", "--filetype", p.tcp ? "0" : "1",
-                "--filter", "tcp", nullptr);
-            ::_exit(127);
-        }
-        tid_ = find_thread(pid_, "poller_thread");
-        bench::pin(tid_, true);
+                "--filter", "tcp"});
     }
 
-    pid_t pid_{};
-    pid_t tid_{};
-    uint16_t port_{};
+    void start(const plan& p, std::vector<std::string> words)
+    {
+        std::vector<char*> arguments;
+        for (std::string& word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        pid_ = fork_subject();
+        if (pid_ != 0)
+            return;
+        ::setenv("LD_PRELOAD", p.library.c_str(), 1);
+        ::setenv("STUB_PASS", "1", 1);
+        ::setenv("STUB_OUT", report_.c_str(), 1);
+        ::setenv("STUB_WARMUP", std::to_string(p.messages / 10).c_str(), 1);
+        ::setenv("STUB_MESSAGES", std::to_string(p.messages).c_str(), 1);
+        ::setenv("STUB_BURST", BURST, 1);
+        ::setenv(
+            "STUB_PROCESSOR", std::to_string(bench::measured_processor()).c_str(), 1);
+        ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+        ::execv(arguments[0], arguments.data());
+        ::_exit(127);
+    }
+
+    uint16_t port_;
+    fs::path report_;
+    pid_t pid_{0}; // 0: it has ended
 };
 
 int connect_to(uint16_t port)
@@ -290,64 +355,45 @@ int connect_to(uint16_t port)
     fail("connect");
 }
 
-// Takes bytes off the stream, without copying them, until `bytes` have come.
-void drain_stream(int fd, uint64_t bytes)
+// Takes bytes off the stream, without copying them, as long as there are any.
+void drain_stream(int fd, subject& sender)
 {
     static std::vector<char> scratch(1 << 20);
-    while (bytes > 0) {
-        const ssize_t got = ::recv(
-            fd, scratch.data(), std::min<uint64_t>(scratch.size(), bytes),
-            MSG_TRUNC | MSG_DONTWAIT);
-        if (got == 0 || (got == -1 && errno != EAGAIN))
-            throw std::runtime_error("the stream ended early");
-        if (got == -1)
+    while (!sender.has_ended()) {
+        const ssize_t got =
+            ::recv(fd, scratch.data(), scratch.size(), MSG_TRUNC | MSG_DONTWAIT);
+        if (got < 1)
             nap();
-        else
-            bytes -= static_cast<uint64_t>(got);
     }
 }
 
-// Takes datagrams until `count` more have been sent, going by their numbers: those
-// that found no room count too, since sending them took as long.
-void drain_datagrams(int fd, uint64_t count, uint64_t& last)
+// Takes the heads of datagrams as long as there are any.
+void drain_datagrams(int fd, subject& sender)
 {
     constexpr size_t BATCH = 256;
-    static std::array<std::array<uint64_t, 8>, BATCH> heads;
+    static std::array<std::array<char, 64>, BATCH> heads;
     std::array<iovec, BATCH> parts;
     std::array<mmsghdr, BATCH> headers{};
     for (size_t i = 0; i < BATCH; ++i) {
-        parts[i] = {heads[i].data(), sizeof(heads[i])};
+        parts[i] = {heads[i].data(), heads[i].size()};
         headers[i].msg_hdr.msg_iov = &parts[i];
         headers[i].msg_hdr.msg_iovlen = 1;
     }
-    for (uint64_t sent = 0; sent < count;) {
-        const int got = ::recvmmsg(fd, headers.data(), BATCH, MSG_DONTWAIT, nullptr);
-        if (got == -1) {
-            if (errno != EAGAIN)
-                fail("recvmmsg");
+    while (!sender.has_ended()) {
+        if (::recvmmsg(fd, headers.data(), BATCH, MSG_DONTWAIT, nullptr) < 1)
             nap();
-            continue;
-        }
-        for (size_t i = 0; i < static_cast<size_t>(got); ++i) {
-            sent += (heads[i][0] + DISTINCT_MESSAGES - last) % DISTINCT_MESSAGES;
-            last = heads[i][0];
-        }
     }
 }
 
 // Nanoseconds of the sending thread per message, over one run.
-double measure(const plan& p, const std::string& kind, const fs::path& recording)
+double measure(const plan& p, const std::string& kind, const fs::path& folder)
 {
-    const uint64_t warm_up = p.messages / 10;
     if (p.tcp) {
-        const subject sender(p, kind, recording, 0);
+        subject sender(p, kind, folder, 0);
         const int fd = connect_to(sender.port());
-        drain_stream(fd, warm_up * p.size);
-        const uint64_t before = sender.cpu_time();
-        drain_stream(fd, p.messages * p.size);
-        const uint64_t spent = sender.cpu_time() - before;
+        drain_stream(fd, sender);
         ::close(fd);
-        return static_cast<double>(spent) / static_cast<double>(p.messages);
+        return sender.cost();
     }
 
     const int fd = checked(::socket(AF_INET, SOCK_DGRAM, 0), "socket");
@@ -355,15 +401,10 @@ double measure(const plan& p, const std::string& kind, const fs::path& recording
     if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) == -1)
         checked(
             ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room)), "setsockopt");
-    const uint16_t port = bind_anywhere(fd);
-    const subject sender(p, kind, recording, port);
-    uint64_t last = 0;
-    drain_datagrams(fd, warm_up, last);
-    const uint64_t before = sender.cpu_time();
-    drain_datagrams(fd, p.messages, last);
-    const uint64_t spent = sender.cpu_time() - before;
+    subject sender(p, kind, folder, bind_anywhere(fd));
+    drain_datagrams(fd, sender);
     ::close(fd);
-    return static_cast<double>(spent) / static_cast<double>(p.messages);
+    return sender.cost();
 }
 
 plan parse(int argc, char** argv)
@@ -374,6 +415,8 @@ plan parse(int argc, char** argv)
         const std::string value = argv[i + 1];
         if (name == "--sender")
             p.sender = value;
+        else if (name == "--library")
+            p.library = value;
         else if (name == "--protocol")
             p.tcp = value == "tcp";
         else if (name == "--size")
@@ -385,13 +428,13 @@ plan parse(int argc, char** argv)
         else
             throw std::invalid_argument("unknown option " + std::string(name));
     }
-    if (p.sender.empty() || argc % 2 == 0)
-        throw std::invalid_argument("usage: loopback --sender FILE [--protocol tcp|udp] "
-                                    "[--size N] [--messages N] "
+    if (p.sender.empty() || p.library.empty() || argc % 2 == 0)
+        throw std::invalid_argument("usage: loopback --sender FILE --library FILE "
+                                    "[--protocol tcp|udp] [--size N] [--messages N] "
                                     "[--runs N]");
-    // A data file always goes out in full buffers; a number needs its room.
-    if ((p.tcp && p.size != vesk::MAX_BUFFER_SIZE) || p.size < 64 || p.size > 10240)
-        throw std::invalid_argument("size: 10240 for tcp, 64 to 10240 for udp");
+    // A data file always goes out in full buffers.
+    if ((p.tcp && p.size != vesk::MAX_BUFFER_SIZE) || p.size < 1 || p.size > 10240)
+        throw std::invalid_argument("size: 10240 for tcp, 1 to 10240 for udp");
     return p;
 }
 
@@ -402,24 +445,31 @@ void run(const plan& p)
     std::string folder = (fs::temp_directory_path() / "loopback.XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr)
         fail("mkdtemp");
-    const std::array<std::string, 3> kinds{"bare", "streamed", "preloaded"};
-    for (const std::string& kind : kinds)
-        write_recording(fs::path(folder) / kind, p, kind == "preloaded");
+    write_recording(fs::path(folder) / "recording", p);
 
     std::cout << "protocol,size,subject,run,ns_per_message\n";
     for (int i = 0; i < p.runs; ++i) {
-        for (const std::string& kind : kinds)
+        for (const char* kind : {"bare", "fed", "streamed", "preloaded"})
             std::cout << (p.tcp ? "tcp," : "udp,") << p.size << ',' << kind << ',' << i
-                      << ',' << measure(p, kind, fs::path(folder) / kind) << std::endl;
+                      << ',' << measure(p, kind, folder) << std::endl;
     }
     fs::remove_all(folder);
 }
 
 } // namespace
 
+// As `loopback bare|fed tcp|udp SIZE DESCRIPTOR PORT` this is one of the senders.
 int main(int argc, char** argv)
 {
     try {
+        const std::string_view kind = argc == 6 ? argv[1] : "";
+        if (kind == "bare" || kind == "fed") {
+            plan p;
+            p.tcp = std::string_view(argv[2]) == "tcp";
+            p.size = std::stoul(argv[3]);
+            const auto port = static_cast<uint16_t>(std::stoi(argv[5]));
+            bare_loop(p, std::stoi(argv[4]), loopback(port), kind == "fed");
+        }
         run(parse(argc, argv));
         return 0;
     } catch (const std::exception& error) {

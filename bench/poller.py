@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Processor time per message of the sender's poller thread, streamed and preloaded,
-against a bare single-threaded loop of the same system calls: loopback.cpp says how.
+against a bare single-threaded loop of the same system calls (bare) and the same loop out
+of buffers that a second thread writes (fed): loopback.cpp says how.
 
 Writes poller.csv: one line per run.
 Usage: poller.py [--build FOLDER] [--out FOLDER] [--quick]
@@ -18,6 +19,7 @@ CASES = (("udp", 64), ("udp", 500), ("udp", 1400), ("udp", 10240), ("tcp", 10240
 def measure(options, protocol, size, messages):
     """One run of each subject: rows of protocol, size, subject and nanoseconds."""
     words = [options.build / "bench" / "loopback", "--sender", options.build / "replay_sender"]
+    words += ["--library", (options.build / "bench" / "libstub_calls.so").resolve()]
     words += ["--protocol", protocol, "--size", size, "--messages", messages, "--runs", 1]
     done = subprocess.run([*map(str, words)], stdout=subprocess.PIPE, text=True)
     if done.returncode != 0:
@@ -27,7 +29,7 @@ def measure(options, protocol, size, messages):
 
 def main():
     options = harness.options(__doc__)
-    runs, messages = (2, 50000) if options.quick else (11, 500000)
+    runs, messages = (2, 20000) if options.quick else (11, 150000)
     columns = ("protocol", "size", "subject", "run", "ns_per_message")
     samples = harness.Samples(options.out / "poller.csv", columns)
     costs = {}

@@ -18,20 +18,27 @@ inline cpu_set_t allowed_processors()
     return allowed;
 }
 
-// Places a thread, or with 0 the calling one; the threads that it starts from then on
-// inherit the place. Throws std::system_error.
-inline void pin(pid_t tid, bool measured)
+inline int measured_processor()
 {
     static const cpu_set_t allowed = allowed_processors();
     int last = CPU_SETSIZE - 1;
     while (!CPU_ISSET(static_cast<size_t>(last), &allowed))
         --last;
+    return last;
+}
+
+// Places a thread, or with 0 the calling one; the threads that it starts from then on
+// inherit the place. Throws std::system_error.
+inline void pin(pid_t tid, bool measured)
+{
+    static const cpu_set_t allowed = allowed_processors();
+    const auto own = static_cast<size_t>(measured_processor());
     cpu_set_t wanted = allowed;
     if (CPU_COUNT(&allowed) > 1)
-        CPU_CLR(static_cast<size_t>(last), &wanted);
+        CPU_CLR(own, &wanted);
     if (measured) {
         CPU_ZERO(&wanted);
-        CPU_SET(static_cast<size_t>(last), &wanted);
+        CPU_SET(own, &wanted);
     }
     if (::sched_setaffinity(tid, sizeof(wanted), &wanted) == -1)
         throw std::system_error(errno, std::generic_category(), "sched_setaffinity");

@@ -1,7 +1,8 @@
-// Preloaded into the sender: the sending thread's system calls return at once, so that
-// what is left of a message's cost is user-space time. The clocks' readings go to a file
-// and the process ends when enough has been sent. One thread sends; all but the
-// constructor and the remembering of an interest runs there.
+// Preloaded into a sender: counts its messages and reads the clocks around them. The
+// sending thread's system calls return at once, so that what is left of a message's cost
+// is user-space time, or go to the kernel as ever. The clocks' readings go to a file and
+// the process ends when enough has been sent. One thread sends; all but the constructor
+// and the remembering of an interest runs there.
 //
 //   STUB_OUT        file that gets one line of JSON
 //   STUB_MESSAGES   messages to count
@@ -10,7 +11,8 @@
 //                   this many messages are counted at a stretch, each stretch behind a
 //                   pause in which the producer fills the queue. A stretch in which the
 //                   queue ran empty nevertheless does not count.
-//   STUB_PROCESSOR  where the sending thread runs from its first message on
+//   STUB_PASS       1: the calls are passed on to the kernel; 0, the default: they are
+//   not STUB_PROCESSOR  where the sending thread runs from its first message on
 //
 // The clocks start inside one send and stop inside another, so that as many whole
 // turns of the loop lie between them as messages are counted. Without a warm-up they
@@ -41,6 +43,7 @@ struct settings_t {
     uint64_t messages;
     uint64_t burst;
     const char* processor;
+    bool pass;
 };
 
 struct reading_t {
@@ -69,6 +72,8 @@ settings_t settings;
 clockid_t producer_clock;
 int (*real_epoll_ctl)(int, int, int, epoll_event*);
 int (*real_epoll_wait)(int, epoll_event*, int, int);
+ssize_t (*real_send)(int, const void*, size_t, int);
+ssize_t (*real_sendto)(int, const void*, size_t, int, const sockaddr*, socklen_t);
 
 // The descriptor to be made writable for good. Written by the thread that sets the
 // interest; the sender's queue orders that before the first send.
@@ -243,11 +248,14 @@ void begin_stubbing()
     }
 }
 
-ssize_t count_message(size_t length)
+// A send that took nothing is no message; its result and errno go back as they are.
+ssize_t count_message(ssize_t result)
 {
+    if (__builtin_expect(result == -1, 0))
+        return result;
     if (__builtin_expect(++counters.sent == counters.next_mark, 0))
         mark();
-    return static_cast<ssize_t>(length);
+    return result;
 }
 
 uint64_t number(const char* name)
@@ -267,15 +275,17 @@ void find(function_t*& function, const char* name)
 // On the process's main thread, which is the sender's producer.
 [[gnu::constructor]] void prepare()
 {
-    settings = {
-        std::getenv("STUB_OUT"), number("STUB_WARMUP"), number("STUB_MESSAGES"),
-        number("STUB_BURST"), std::getenv("STUB_PROCESSOR")};
+    settings = {std::getenv("STUB_OUT"),       number("STUB_WARMUP"),
+                number("STUB_MESSAGES"),       number("STUB_BURST"),
+                std::getenv("STUB_PROCESSOR"), number("STUB_PASS") != 0};
     if (settings.out == nullptr || settings.messages < 2)
         refuse("set STUB_OUT, and STUB_MESSAGES to 2 or more");
     if (settings.burst > LONGEST_BURST)
         refuse("STUB_BURST is more than the queue holds");
     find(real_epoll_ctl, "epoll_ctl");
     find(real_epoll_wait, "epoll_wait");
+    find(real_send, "send");
+    find(real_sendto, "sendto");
     if (::pthread_getcpuclockid(::pthread_self(), &producer_clock) != 0)
         refuse("the main thread has no clock");
 }
@@ -302,14 +312,25 @@ int epoll_wait(int epoll, epoll_event* events, int most, int timeout)
         end_backlog();
     }
     counters.sent_at_poll = counters.sent;
+    if (settings.pass)
+        return real_epoll_wait(epoll, events, most, timeout);
     events[0] = counters.event;
     return 1;
 }
 
-ssize_t send(int, const void*, size_t length, int) { return count_message(length); }
-
-ssize_t sendto(int, const void*, size_t length, int, const sockaddr*, socklen_t)
+ssize_t send(int fd, const void* data, size_t length, int flags)
 {
-    return count_message(length);
+    return count_message(
+        settings.pass ? real_send(fd, data, length, flags)
+                      : static_cast<ssize_t>(length));
+}
+
+ssize_t sendto(
+    int fd, const void* data, size_t length, int flags, const sockaddr* to,
+    socklen_t to_length)
+{
+    return count_message(
+        settings.pass ? real_sendto(fd, data, length, flags, to, to_length)
+                      : static_cast<ssize_t>(length));
 }
 }

@@ -2,7 +2,7 @@
 from .benchmark import Benchmark, against_body, simple_body
 from .ranks import rankings
 from .samples import by, ratio, subjects
-from .words import bullet, paragraph, range_text
+from .words import bullet, figure, paragraph, range_text
 
 
 # ---------------------------------------------------------------- latency
@@ -52,7 +52,13 @@ LATENCY = Benchmark(
 
 def queue_shows(rows):
     for (shape,), of in by(rows, "shape").items():
-        for subject in subjects(of, "ns_per_message"):
+        seen = subjects(of, "ns_per_message")
+        for subject in seen:
+            yield from bullet(
+                f"{shape}: {subject} hands over {figure(1e3 / seen[subject].median)} million"
+                " messages per second"
+            )
+        for subject in seen:
             against = ratio(of, subject, "spsc_queue", "ns_per_message")
             if against and subject != "spsc_queue":
                 yield from bullet(f"{shape}: {subject} takes {range_text(against)} times as long")
