@@ -20,19 +20,9 @@ class Benchmark:
     ranked: Callable = lambda rows: []
     shows: Callable = lambda rows: []
     prepare: Callable = lambda rows: rows
-    # The folder beside the run's where the samples are when the run has none: they are
-    # taken on their own.
-    beside: str = ""
 
     def read(self, folder):
         return self.prepare(read(folder, self.name, self.columns))
-
-    def source(self, folder):
-        """The folder of the samples that a run's section is about."""
-        if not self.beside or (folder / f"{self.name}.csv").exists():
-            return folder
-        beside = folder.resolve().parent / self.beside
-        return beside if beside.is_dir() else folder
 
 
 def simple_body(name, keys, columns):

@@ -74,19 +74,17 @@ def counts(found):
 
 
 def benchmark_section(benchmark, folder, output):
-    source = benchmark.source(folder)
-    rows = benchmark.read(source)
+    rows = benchmark.read(folder)
     lines = [f"## {benchmark.title}", ""]
     if not rows:
-        path = in_tree(source / f"{benchmark.name}.csv")
+        path = in_tree(folder / f"{benchmark.name}.csv")
         return [*lines, f"No samples: `{path}` is absent or empty.", ""]
     lines += paragraph(
         benchmark.how,
         measured_with(benchmark, rows),
-        remark(source, benchmark.name),
-        "" if source == folder else whereabouts(source),
+        remark(folder, benchmark.name),
     )
-    lines += benchmark.body(rows, lambda name: plot_lines(name, benchmark.title, source, output))
+    lines += benchmark.body(rows, lambda name: plot_lines(name, benchmark.title, folder, output))
     lines += benchmark.shows(rows)
     found = list(benchmark.ranked(rows))
     if found:
@@ -99,11 +97,6 @@ def measured_with(benchmark, rows):
     if "run" not in rows[0]:
         return f"{script}."
     return f"{script}, {runs_text(rows, benchmark.keys)}, median (lowest to highest)."
-
-
-def whereabouts(source):
-    note = machine(source)
-    return f"The samples are those in `{in_tree(source)}`, of {date(note)}, commit {commit(note)}."
 
 
 def plot_lines(name, title, folder, output):

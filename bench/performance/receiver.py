@@ -37,5 +37,4 @@ RECEIVER = Benchmark(
     body=lambda rows, _plot: spreads_table(rows, KEYS, COLUMNS),
     ranked=lambda rows: rankings("Receiver", rows, ("protocol",), "cpu_ns_per_byte"),
     shows=shows,
-    beside="receiver-two-processors",
 )

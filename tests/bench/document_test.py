@@ -34,13 +34,9 @@ def test_the_line_with_the_tools_of_the_instruction_counts_is_a_remark(folder):
     assert "| udp | 456 |\n" in text
 
 
-def test_the_receivers_samples_are_looked_for_beside_the_run(folder):
-    beside = folder.parent / "receiver-two-processors"
-    write_machine(beside, "date: 2025-05-05\ncommit: feed\n")
-    write(beside, "receiver", [("tcp", "socat", 0, 0.7, "", "", "")])
-    text = " ".join(document(folder).split())
-    assert "| tcp | socat | 0.700 (0.700 to 0.700) | - | - | - |" in text
-    assert "receiver-two-processors`, of 2025-05-05, commit feed." in text
+def test_a_cell_without_samples_is_a_dash(folder):
+    write(folder, "receiver", [("tcp", "socat", 0, 0.7, "", "", "")])
+    assert "| tcp | socat | 0.700 (0.700 to 0.700) | - | - | - |" in document(folder)
 
 
 def test_a_plot_is_linked_from_the_documents_place(folder):
