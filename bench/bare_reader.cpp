@@ -2,7 +2,6 @@
 // sender around it, the message buffer, and the calls that stub_calls.cpp replaces.
 // Prints the processor time per message in nanoseconds.
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -28,9 +27,6 @@ using vesk::data_t;
 using vesk::dataBuffer;
 using vesk::MAX_BUFFER_SIZE;
 
-// As many buffers as the sender's queue holds, so that the caches see as much memory.
-enum : int { BUFFERS = 1024 };
-
 [[noreturn]] void fail(const std::string& what)
 {
     std::fprintf(stderr, "bare_reader: %s\n", what.c_str());
@@ -55,10 +51,11 @@ uint64_t number(const char* text) { return std::strtoull(text, nullptr, 10); }
 // Where one message after the other goes.
 class buffer_ring {
 public:
-    char* next() { return buffers_[at_++ % BUFFERS].buf; }
+    explicit buffer_ring(size_t buffers) : buffers_(buffers) {}
+    char* next() { return buffers_[at_++ % buffers_.size()].buf; }
 
 private:
-    std::vector<dataBuffer> buffers_{BUFFERS};
+    std::vector<dataBuffer> buffers_;
     size_t at_{0};
 };
 
@@ -124,19 +121,18 @@ double time_passes(uint64_t passes, pass_t pass)
     return static_cast<double>(spent) / static_cast<double>(messages);
 }
 
-// Each turn drops the oldest message before it makes one, so that as many are alive
-// as in a full queue.
-uint64_t make_messages(std::array<data_t, BUFFERS>& alive)
+// Each turn drops the oldest message before it makes one.
+uint64_t make_messages(std::vector<data_t>& alive)
 {
     for (data_t& message : alive) {
         message.reset();
         message = std::make_shared<dataBuffer>();
     }
-    return BUFFERS;
+    return alive.size();
 }
 
 // The same in as many bytes: the message shares its memory with the reference counts.
-uint64_t take_memory(std::array<void*, BUFFERS>& alive)
+uint64_t take_memory(std::vector<void*>& alive)
 {
     constexpr size_t COUNTS = 16; // their table's address and two 32-bit numbers
     for (void*& memory : alive) {
@@ -145,7 +141,7 @@ uint64_t take_memory(std::array<void*, BUFFERS>& alive)
         if (memory == nullptr)
             fail("out of memory");
     }
-    return BUFFERS;
+    return alive.size();
 }
 
 // The sender's calls and nothing else; the preloaded library ends the process. It must
@@ -167,28 +163,31 @@ uint64_t take_memory(std::array<void*, BUFFERS>& alive)
 double run(const std::vector<std::string>& words)
 {
     const std::string what = words[1] + " " + std::to_string(words.size() - 2);
-    const uint64_t count = number(words.back().c_str());
-    const char* file = words.size() > 2 ? words[2].c_str() : nullptr;
-    const char* filter = words.size() > 3 ? words[3].c_str() : nullptr;
-    if (what == "read 2")
-        return time_passes(
-            count, [=, ring = buffer_ring()]() mutable { return read_data(file, ring); });
-    if (what == "pcap 3")
-        return time_passes(count, [=, ring = buffer_ring()]() mutable {
-            return read_capture(file, filter, ring);
+    const auto argument = [&](size_t i) {
+        return i < words.size() ? words[i].c_str() : "";
+    };
+    const uint64_t buffers = std::max<uint64_t>(number(words.back().c_str()), 1);
+    const uint64_t count = number(argument(words.size() - 2));
+    if (what == "read 3")
+        return time_passes(count, [&, ring = buffer_ring(buffers)]() mutable {
+            return read_data(argument(2), ring);
         });
-    if (what == "buffer 1") {
-        std::array<data_t, BUFFERS> alive;
-        return time_passes(count / BUFFERS, [&] { return make_messages(alive); });
+    if (what == "pcap 4")
+        return time_passes(count, [&, ring = buffer_ring(buffers)]() mutable {
+            return read_capture(argument(2), argument(3), ring);
+        });
+    if (what == "buffer 2") {
+        std::vector<data_t> alive(buffers);
+        return time_passes(count / buffers, [&] { return make_messages(alive); });
     }
-    if (what == "memory 1") {
-        std::array<void*, BUFFERS> alive{};
-        return time_passes(count / BUFFERS, [&] { return take_memory(alive); });
+    if (what == "memory 2") {
+        std::vector<void*> alive(buffers);
+        return time_passes(count / buffers, [&] { return take_memory(alive); });
     }
     if (what == "calls 0")
         call();
-    fail("usage: read FILE PASSES | pcap FILE FILTER PASSES | buffer COUNT |"
-         " memory COUNT | calls");
+    fail("usage: read FILE PASSES BUFFERS | pcap FILE FILTER PASSES BUFFERS |"
+         " buffer COUNT BUFFERS | memory COUNT BUFFERS | calls");
 }
 
 } // namespace

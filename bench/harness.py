@@ -14,6 +14,7 @@ import socket
 import struct
 import subprocess
 import sys
+import time
 
 ROOT = pathlib.Path(__file__).parents[1]
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
@@ -22,6 +23,7 @@ import capture_builder
 PROCESSORS = sorted(os.sched_getaffinity(0))
 MEASURED = PROCESSORS[-1:]
 OTHERS = PROCESSORS[:-1] or PROCESSORS
+PATIENCE = 30  # seconds for a process to come up
 
 
 def options(doc):
@@ -34,6 +36,8 @@ def options(doc):
         "--out", type=pathlib.Path, default=pathlib.Path("."), help="folder of the samples"
     )
     parser.add_argument("--quick", action="store_true", help="few and short runs: a smoke test")
+    # So that scopes are left, and what was started in them ends.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
     return parser.parse_args()
 
 
@@ -74,21 +78,32 @@ def free_port(kind=socket.SOCK_STREAM):
         return probe.getsockname()[1]
 
 
+def until(process, condition):
+    """What `condition` gives as soon as that is true; no later than the process's end."""
+    deadline = time.monotonic() + PATIENCE
+    while process.poll() is None and time.monotonic() < deadline:
+        if found := condition():
+            return found
+    ending = "does not come up" if process.poll() is None else f"ended: {process.returncode}"
+    sys.exit(f"{process.args[0]} {ending}")
+
+
 def wait_for(table, port, process):
     """Until somebody listens there; `table` is one of /proc/net's."""
     wanted = re.compile(rf": [0-9A-F]{{8}}:{port:04X} 00000000:0000 0[A7] ")
-    while not wanted.search(pathlib.Path(f"/proc/net/{table}").read_text()):
-        if process.poll() is not None:
-            sys.exit(f"{process.args[0]} has ended with {process.returncode}")
+    until(process, lambda: wanted.search(pathlib.Path(f"/proc/net/{table}").read_text()))
 
 
 def thread_named(process, name):
     """The id of the process's thread of that name, once there is one."""
-    while process.poll() is None:
-        for task in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
+    tasks = pathlib.Path(f"/proc/{process.pid}/task")
+
+    def find():
+        for task in tasks.iterdir():
             if (task / "comm").read_text().strip() == name:
                 return int(task.name)
-    sys.exit(f"{process.args[0]} has ended with {process.returncode}")
+
+    return until(process, find)
 
 
 def cpu_ns(process, thread=None):

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -216,8 +217,12 @@ int open_for_sending(const plan& p, int fd)
 [[noreturn]] void bare_loop(const plan& p, int fd, const sockaddr_in& target, bool fed)
 {
     static ring messages(p);
-    if (fed)
+    if (fed) {
         std::thread([] { messages.feed(); }).detach();
+        // What the poller saves in a program with threads, this loop saves too.
+        (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        (void)::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+    }
     fd = open_for_sending(p, fd);
     const int epoll_fd = checked(::epoll_create(1), "epoll_create");
     epoll_event interest{EPOLLOUT, {}};
@@ -265,9 +270,12 @@ public:
 
     uint16_t port() const { return port_; }
 
-    // Whether it has sent all that is to be counted.
+    // Whether it has sent all that is to be counted. Throws when it has failed or takes
+    // too long for anything else.
     bool has_ended()
     {
+        if (std::chrono::steady_clock::now() > deadline_)
+            throw std::runtime_error("a sender does not come to its end");
         int status = 0;
         if (pid_ != 0 && checked(::waitpid(pid_, &status, WNOHANG), "waitpid") == pid_) {
             pid_ = 0;
@@ -336,8 +344,12 @@ private:
         ::_exit(127);
     }
 
+    static constexpr std::chrono::seconds TIME_LIMIT{60};
+
     uint16_t port_;
     fs::path report_;
+    std::chrono::steady_clock::time_point deadline_{
+        std::chrono::steady_clock::now() + TIME_LIMIT};
     pid_t pid_{0}; // 0: it has ended
 };
 
@@ -428,7 +440,7 @@ plan parse(int argc, char** argv)
         else
             throw std::invalid_argument("unknown option " + std::string(name));
     }
-    if (p.sender.empty() || p.library.empty() || argc % 2 == 0)
+    if (p.sender.empty() || !fs::exists(p.library) || argc % 2 == 0)
         throw std::invalid_argument("usage: loopback --sender FILE --library FILE "
                                     "[--protocol tcp|udp] [--size N] [--messages N] "
                                     "[--runs N]");
@@ -446,6 +458,7 @@ void run(const plan& p)
     if (::mkdtemp(folder.data()) == nullptr)
         fail("mkdtemp");
     write_recording(fs::path(folder) / "recording", p);
+    ::sync(); // so that writing it out does not fall into the first run
 
     std::cout << "protocol,size,subject,run,ns_per_message\n";
     for (int i = 0; i < p.runs; ++i) {

@@ -6,8 +6,10 @@ The sender runs with stub_calls.cpp preloaded: its sending thread has no system 
 and empties the queue as fast as it can, so that the reading thread never waits for
 room. That is checked: a run in which the queue may have been full, because something
 else took the sending thread's processor, is repeated. The bare reader takes the same
-steps on one thread, into 1024 buffers of its own. Source none is the message buffer
-alone: made and dropped zero-filled, as the sender's are, and as mere memory.
+steps on one thread, into a few buffers of its own, as the sender has a few messages
+alive when its queue is never full (bare), and into as many as the queue holds
+(bare-1024). Source none is the message buffer alone: made and dropped zero-filled, as
+the sender's are, and as mere memory, with as few and as many alive.
 """
 import os
 import pathlib
@@ -27,6 +29,7 @@ MESSAGES, QUICK_MESSAGES = 250_000, 25_000  # in a run, and then to the end of t
 WARM_UP = 4 * 1024
 QUEUE = 1024
 ATTEMPTS = 10
+BUFFERS = {"": 16, "-1024": 1024}  # by the ending of the subject's name
 
 
 def bare(options, *words):
@@ -74,9 +77,13 @@ def measure(options, scratch):
             words = ("read", path) if source == "data-file" else ("pcap", path, "tcp")
             cost = sender(options, path, passes * count, scratch / "report")
             yield source, size, "sender", run, cost
-            yield source, size, "bare", run, bare(options, *words, passes)
+            for ending, buffers in BUFFERS.items():
+                cost = bare(options, *words, passes, buffers)
+                yield source, size, f"bare{ending}", run, cost
         for subject, mode in (("zero-filled", "buffer"), ("unfilled", "memory")):
-            yield "none", user_share.MESSAGE, subject, run, bare(options, mode, messages)
+            for ending, buffers in BUFFERS.items():
+                cost = bare(options, mode, messages, buffers)
+                yield "none", user_share.MESSAGE, f"{subject}{ending}", run, cost
 
 
 def main():
@@ -91,7 +98,7 @@ def main():
             values.setdefault(tuple(case), []).append(cost)
     for (source, size, subject), costs in values.items():
         middle, spread = statistics.median(costs), f"{min(costs):.1f} to {max(costs):.1f}"
-        print(f"{source:9} {size:5} {subject:11} {middle:6.1f} ns ({spread})", file=sys.stderr)
+        print(f"{source:9} {size:5} {subject:16} {middle:6.1f} ns ({spread})", file=sys.stderr)
 
 
 main()

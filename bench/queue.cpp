@@ -29,7 +29,7 @@ private:
     vesk::queue_ptr::element_type queue_{vesk::QUEUE_CAPACITY};
 };
 
-// Takes copies only, so that the pusher's reference has to go by hand.
+// Takes and gives copies only, so that the other reference has to go by hand.
 class boost_queue {
 public:
     bool push(vesk::data_t& message)
@@ -70,7 +70,7 @@ private:
     std::deque<vesk::data_t> queue_;
 };
 
-constexpr size_t BATCH = 65536;
+constexpr size_t BATCH = 4096; // messages whose counters fit into the caches
 
 std::vector<vesk::data_t> make_messages()
 {

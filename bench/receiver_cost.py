@@ -20,8 +20,6 @@ UDP_MBPS = 400
 
 def tcp_run(options, subject, source, size):
     port = free_port()
-    sender = start(options.build / "replay_sender", "--filepath", source, "--port", port)
-    wait_for("tcp", port, sender)
     receiver = options.build / "replay_receiver"
     words = {
         "comparing": (receiver, "--port", port, "--filepath", source),
@@ -29,8 +27,12 @@ def tcp_run(options, subject, source, size):
         # Ends with the last byte, as the sender does not close by itself.
         "socat": ("socat", "-u", f"TCP:127.0.0.1:{port},readbytes={size}", "/dev/null"),
     }[subject]
-    status, seconds = finish(start(*words))
-    stop(sender)
+    sender = start(options.build / "replay_sender", "--filepath", source, "--port", port)
+    try:
+        wait_for("tcp", port, sender)
+        status, seconds = finish(start(*words))
+    finally:
+        stop(sender)
     if status != 0:
         sys.exit(f"{subject} has ended with {status}")
     return seconds * 1e9 / size
@@ -44,8 +46,10 @@ def udp_run(options, source, scratch):
     receiver = start(options.build / "replay_receiver", *replay, "--json", report)
     wait_for("udp", port, receiver)
     sender = start(options.build / "replay_sender", *replay)
-    status, seconds = finish(receiver)
-    stop(sender)
+    try:
+        status, seconds = finish(receiver)
+    finally:
+        stop(sender)
     if status not in (0, 4):  # the rate is another benchmark's matter
         sys.exit(f"the receiver has ended with {status}")
     seen = json.loads(report.read_text())

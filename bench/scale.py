@@ -27,6 +27,7 @@ import re
 import shutil
 import signal
 import socket
+import subprocess
 import statistics
 import sys
 import tempfile
@@ -60,6 +61,7 @@ SIZES = (64, 128, 256, 512, 1024, 1400, 2048, 4096, 8192, 10240)
 PRELOADED = (100, 1000, 10000, 50000, 100000)
 PRELOADED_MEGABYTES = (1, 10, 100, 1000)
 SECONDS = 10
+BARE_BUFFERS = 16
 
 
 # What is replayed.
@@ -189,6 +191,17 @@ class Bench:
         messages = math.ceil(FEWEST_MESSAGES / per_pass) * per_pass
         return self.passes_ns(source, messages, *words)
 
+    def bare_ns(self, source, per_pass):
+        """Nanoseconds of one read of a message's size, without a sender around it."""
+        program = self.options.build / "bench" / "bare_reader"
+        passes = math.ceil(FEWEST_MESSAGES / per_pass)
+        words = (program, "read", source, passes, BARE_BUFFERS)
+        with on(harness.MEASURED):
+            done = subprocess.run([*map(str, words)], capture_output=True, text=True)
+        if done.returncode != 0:
+            sys.exit(f"{program} has ended with {done.returncode}: {done.stderr}")
+        return float(done.stdout)
+
     def until_first_send(self, source, *words):
         """Milliseconds up to the first send, and the kilobytes held by then. The kernel
         places the threads: tied to one processor they would wait for each other."""
@@ -302,8 +315,11 @@ def some(values, quick):
 def file_sizes(bench, sources, quick):
     def case(x):
         messages = math.ceil(x * MEGABYTE / user_share.MESSAGE)
-        value = bench.whole_passes_ns(sources.data(x * MEGABYTE), messages)
-        return [("file size", x, "MB", value, "ns/message")]
+        source = sources.data(x * MEGABYTE)
+        return [
+            ("file size", x, "MB", bench.whole_passes_ns(source, messages), "ns/message"),
+            ("file size, bare reader", x, "MB", bench.bare_ns(source, messages), "ns/message"),
+        ]
 
     return [(RUNS, case, x) for x in sources.megabytes]
 

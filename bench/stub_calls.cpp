@@ -12,7 +12,8 @@
 //                   pause in which the producer fills the queue. A stretch in which the
 //                   queue ran empty nevertheless does not count.
 //   STUB_PASS       1: the calls are passed on to the kernel; 0, the default: they are
-//   not STUB_PROCESSOR  where the sending thread runs from its first message on
+//                   not
+//   STUB_PROCESSOR  where the sending thread runs from its first message on
 //
 // The clocks start inside one send and stop inside another, so that as many whole
 // turns of the loop lie between them as messages are counted. Without a warm-up they
@@ -248,11 +249,10 @@ void begin_stubbing()
     }
 }
 
-// A send that took nothing is no message; its result and errno go back as they are.
-ssize_t count_message(ssize_t result)
+ssize_t count_message(ssize_t result, size_t length)
 {
-    if (__builtin_expect(result == -1, 0))
-        return result;
+    if (__builtin_expect(result != static_cast<ssize_t>(length), 0))
+        refuse("a message was not sent whole");
     if (__builtin_expect(++counters.sent == counters.next_mark, 0))
         mark();
     return result;
@@ -320,17 +320,18 @@ int epoll_wait(int epoll, epoll_event* events, int most, int timeout)
 
 ssize_t send(int fd, const void* data, size_t length, int flags)
 {
-    return count_message(
-        settings.pass ? real_send(fd, data, length, flags)
-                      : static_cast<ssize_t>(length));
+    const ssize_t sent = settings.pass ? real_send(fd, data, length, flags)
+                                       : static_cast<ssize_t>(length);
+    return count_message(sent, length);
 }
 
 ssize_t sendto(
     int fd, const void* data, size_t length, int flags, const sockaddr* to,
     socklen_t to_length)
 {
-    return count_message(
-        settings.pass ? real_sendto(fd, data, length, flags, to, to_length)
-                      : static_cast<ssize_t>(length));
+    const ssize_t sent = settings.pass
+                             ? real_sendto(fd, data, length, flags, to, to_length)
+                             : static_cast<ssize_t>(length);
+    return count_message(sent, length);
 }
 }

@@ -1,5 +1,6 @@
-// The bounded lock-free ring that hands messages from the one producer, the main
-// thread, to the one consumer, the poller thread. It never waits.
+// The bounded lock-free ring that hands messages from one thread to another: to be sent,
+// from the main thread to the poller thread, and to be freed, the other way. It never
+// waits.
 #pragma once
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // The sending side: pacing, the engine base with its socket routines, and the TCP
 // and UDP engines. Set up on the main thread; everything else runs on the poller
-// thread, except the hand-over of messages.
+// thread, except that messages are handed over and freed on the main thread.
 #pragma once
 
 #include <algorithm>
@@ -37,9 +37,8 @@ namespace vesk {
 enum : int { QUEUE_CAPACITY = 1024 };
 enum : int { LISTEN_BACKLOG = 100 };
 
-// Messages sent that the main thread frees for each one that it hands over: more than
-// one, so that they become fewer, and few, so that the heap's end is not given back to
-// the system and asked for again.
+// Messages sent that the main thread frees for each one that it hands over. With two,
+// those queued and those on their way back never add up to more than a queue holds.
 enum : int { FREED_PER_MESSAGE = 2 };
 
 // The pacing record. It spans the whole run, so that a rate holds over files and
@@ -241,18 +240,20 @@ protected:
 
     // Poller thread. Returns a message that nobody else holds to the thread that made
     // it. Freed here it would cost a lock in the heap, which the other thread keeps
-    // busy with the next message. Without room it is freed here all the same.
+    // busy with the next message. Where it cannot go back it is freed here all the same.
     void give_back(data_t msg)
     {
-        if (msg.use_count() == 1)
-            (void)spent_.enqueue(std::move(msg));
+        if (spent_ != nullptr && msg.use_count() == 1)
+            (void)spent_->enqueue(std::move(msg));
     }
 
     // Main thread. The other end of give_back().
     void free_spent()
     {
+        if (spent_ == nullptr)
+            return;
         data_t spent;
-        for (int i = 0; i < FREED_PER_MESSAGE && spent_.try_dequeue(spent); ++i) {
+        for (int i = 0; i < FREED_PER_MESSAGE && spent_->try_dequeue(spent); ++i) {
         }
     }
 
@@ -334,6 +335,7 @@ protected:
 
     void create_queue()
     {
+        spent_ = std::make_shared<queue_ptr::element_type>(QUEUE_CAPACITY);
         queue_ = std::make_shared<queue_ptr::element_type>(QUEUE_CAPACITY);
         replay_assert(queue_ != nullptr);
     }
@@ -342,7 +344,9 @@ protected:
     // Null until the engine can send. For TCP the poller thread sets it, and the
     // main thread may look only after the wake-up has reached it.
     queue_ptr queue_;
-    queue_ptr::element_type spent_{QUEUE_CAPACITY}; // messages sent, on their way back
+    // The way back of messages sent, from the poller thread to the main thread. It comes
+    // with queue_, and what is said there holds for it too.
+    queue_ptr spent_;
 };
 
 // Listens, and sends to the newest receiver that has connected. The main thread

@@ -74,8 +74,9 @@ QUEUE = Benchmark(
     how=(
         "One thread hands messages to another through a queue. stream: in one direction, flat"
         " out. ping-pong: one message goes there and back through two queues, and the time is"
-        " that of one way. boost is Boost's ring for one producer and one consumer, deque a"
-        " std::deque behind a mutex."
+        " that of one way. boost is Boost's ring for one producer and one consumer, which copies"
+        " where the others move, so that each hand-over also counts references up and down;"
+        " deque is a std::deque behind a mutex."
     ),
     body=against_body("queue", {"shape": "Shape"}, "spsc_queue"),
     ranked=lambda rows: rankings("Queue", rows, ("shape",), "ns_per_message"),

@@ -56,7 +56,8 @@ def shows(rows):
     if fill is not None:
         yield from paragraph(
             "Filling a message buffer with zeros, the difference of zero-filled and unfilled, takes"
-            f" {figure(fill)} ns."
+            f" {figure(fill)} ns by itself; what is filled is also ready for the reading that"
+            " follows."
         )
     for source, size, seen, facts in cases(rows):
         if seen:
@@ -76,8 +77,10 @@ PRODUCER = Benchmark(
     how=(
         "The processor time of the reading thread per message, with the sending thread's"
         " system calls replaced so that it never has to wait, against a loop that takes the"
-        " same steps into buffers that it uses again. Source none is the message buffer alone:"
-        " made and dropped as the sender's are, filled with zeros, and as mere memory."
+        " same steps into a few buffers that it uses again (bare), as the sender has a few"
+        " messages alive in this run, and into 1024 (bare-1024). Source none is the message"
+        " buffer alone: made and dropped as the sender's are, filled with zeros, and as mere"
+        " memory, with as few and as many alive."
     ),
     body=against_body("producer", {"source": "Source", "size": "Bytes"}, "bare"),
     targets=targets,

@@ -5,11 +5,32 @@ from .benchmark import Benchmark
 from .samples import by, spread, spread_of
 from .tables import table
 from .targets import ABOUT, PRELOADED_KB, STREAMING_MB, at_most
-from .words import bullet, figure, range_text, slug
+from .words import bullet, figure, paragraph, range_text, slug
 
 # The kernel's kB are 1024 bytes.
 BYTES = {"bytes": 1, "kB": 1024, "KiB": 1024, "MB": 1e6, "MiB": 2**20}
 MESSAGE_BYTES = 10240  # what a message of a data file holds
+FLAT = 1.25
+LINEAR = 1.5
+# Why a curve grows as it does: words only.
+WHY = {
+    "file size": (
+        "What is too large for the processor's caches has to come from memory in each pass; the"
+        " bare reader's curve beside it shows how much of the growth is that"
+    ),
+    "file size, bare reader": "The same reads without a sender around them",
+    "directory size": "Each file of one message is opened, read to its end and closed",
+    "passes": (
+        "Measured within an endless replay: so many passes' worth of messages behind a warm-up"
+    ),
+    "message size": (
+        "Each message's buffer is filled with zeros as a whole; what grows is the copying of the"
+        " payload, by libpcap and into the buffer"
+    ),
+    "message size (sending thread, real socket)": "What grows is the kernel's copying",
+    "start-up by directory size": "The folder is listed and each entry looked at before the first",
+    "start-up, preloaded": "The whole file is read before the first message leaves",
+}
 
 
 # ---------------------------------------------------------------- memory
@@ -108,16 +129,39 @@ def body(rows, plot):
     return lines
 
 
+def judgement(points, unit):
+    """Whether a cost per piece is flat, and a total linear: its last step as steep as the
+    one before it. None where neither is to be expected."""
+    medians = [(x, seen.median) for x, seen in points]
+    if "/" in unit:
+        values = [value for _, value in medians]
+        return "flat" if max(values) <= FLAT * min(values) else "not flat"
+    if len(medians) < 3:
+        return None
+    (x0, y0), (x1, y1), (x2, y2) = medians[-3:]
+    before, last = (y1 - y0) / (x1 - x0), (y2 - y1) / (x2 - x1)
+    return "linear" if before > 0 and 1 / LINEAR <= last / before <= LINEAR else "not linear"
+
+
 def shows(rows):
+    yield from paragraph(
+        f"A cost per piece is called flat when its largest median is at most {FLAT} times its"
+        f" smallest, a total linear when its last two steps are within {LINEAR} times as steep as"
+        " each other."
+    )
     for (curve,), of in by(rows, "curve").items():
         points = scale_points(of)
         (first_x, first), (x, last) = points[0], points[-1]
         unit, x_unit = of[0]["unit"], of[0]["x_unit"]
-        if len(points) > 1:
-            yield from bullet(
-                f"{curve}: {figure(first.median)} {unit} at {first_x:,.12g} and"
-                f" {figure(last.median)} {unit} at {x:,.12g} {x_unit}"
-            )
+        if len(points) < 2:
+            continue
+        text = (
+            f"{curve}: {figure(first.median)} {unit} at {first_x:,.12g} and"
+            f" {figure(last.median)} {unit} at {x:,.12g} {x_unit}"
+        )
+        if x_unit != "s":
+            text += f", {judgement(points, unit)}"
+        yield from bullet(". ".join(filter(None, (text, WHY.get(curve)))))
     yield ""
 
 

@@ -25,28 +25,38 @@ REASONS = {
     "poller *": (
         "The messages come from another thread. The bare loop out of buffers that a second thread"
         " writes, handed over by two counters and nothing else, takes {fed} times as long as it"
-        " does by itself: what one processor writes the other has to fetch, and with a second"
-        " thread the kernel counts the uses of a descriptor."
+        " does by itself. What the sender takes beyond that is not explained."
     ),
     # e.g. "user share udp 64 streamed"; {stub}: ns of the replaced calls by themselves,
     # {streamed}: ns of the same streamed
     "user share * preloaded": (
-        "The recording in memory and the queue share a message, whose reference count goes from"
-        " one processor to the other and back with each pass. A streamed message, which only"
-        " moves on, takes {streamed} ns."
+        "The recording in memory and the queue share a message, whose reference count is raised on"
+        " one processor and lowered on the other in each pass. A streamed message, which only"
+        " moves on, takes {streamed} ns; the steps are the same otherwise."
     ),
     # e.g. "producer capture 500"; {sender}, {bare}, {difference}, {zero_fill}: ns; {zero_share}
     "producer *": (
         "Every message gets a buffer of its own, which is filled with zeros before its bytes are"
-        " read into it; the bare reader uses its buffers again. Filling one with zeros takes"
-        " {zero_fill} ns, {zero_share} of the difference of {difference} ns."
+        " read into it, and is freed by this thread when it has been sent; the bare reader uses its"
+        " buffers again. Filling one with zeros takes {zero_fill} ns by itself, {zero_share} of the"
+        " difference of {difference} ns."
     ),
     # e.g. "pacing 400 Mbps p99"; {busy}: the same of the plain busy loop
     "pacing * rate error": "",
-    "pacing * p50": "",
-    "pacing * p99": "",
+    "pacing * p50": (
+        "The schedule runs from the send before, in whole microseconds, so that the work between"
+        " two waits, which differs, is part of a gap. The plain busy loop has {busy} µs."
+    ),
+    "pacing * p99": (
+        "While it waits the sender yields its processor to whatever else is to run there, and"
+        " that now and then lasts beyond the end of the wait. The plain busy loop, which does not"
+        " yield, has {busy} µs."
+    ),
     # e.g. "pacing 1 Mbps p99 ahead"; {limit}: the best peer's, {peer}: its name, {busy}
-    "pacing * ahead": "",
+    "pacing * ahead": (
+        "The sender keeps time in whole microseconds from the send before, and yields its"
+        " processor while it waits; {peer} has {limit} µs, the plain busy loop {busy} µs."
+    ),
     # "memory growth ...", "memory size ...", "memory slope ...", with the curve's name
     "memory *": "",
 }

@@ -28,6 +28,7 @@ def with_rates(row):
         **row,
         "rate": amount / row["seconds"],
         "cpu_rate": amount / cpu if cpu else "",
+        "all_rate": amount / row["process_cpu_seconds"] if row["process_cpu_seconds"] else "",
         "lost_percent": 100 * dropped / arrived if arrived else "",
     }
 
@@ -39,6 +40,7 @@ def body(rows, plot):
         columns = {
             "rate": f"{unit} per second",
             "cpu_rate": f"{unit} per processor second of the sending thread",
+            "all_rate": f"{unit} per processor second of all its threads",
         }
         if protocol == "udp":
             columns["lost_percent"] = "dropped at the receiver, %"
@@ -60,14 +62,18 @@ THROUGHPUT = Benchmark(
     name="throughput",
     title="Throughput",
     script="bench/throughput.py",
-    columns="protocol,size,subject,run,seconds,bytes,received,dropped,sending_cpu_seconds",
+    columns="protocol,size,subject,run,seconds,bytes,received,dropped,sending_cpu_seconds,"
+    "process_cpu_seconds",
     keys=("protocol", "size", "subject"),
     how=(
         "Every subject sends as fast as it can over loopback into one receiver, the same for"
         " all: over TCP a file from the page cache, over UDP messages of one size for a fixed"
         " time. A message that found no room at the receiver was sent all the same and counts."
-        " The clock runs from the first arrival to the last; beside it stands what a second of"
-        " the sending thread's processor time moves. A subject that is absent at a size does"
+        " Over TCP the clock runs from the first arrival to the last, over UDP for a window that"
+        " begins a moment after the first. Beside it stands what a second of processor time"
+        " moves: of the sending thread, and of all threads. The sender reads in a second thread,"
+        " which spins when it is ahead; the others read and send in one, and over UDP send one"
+        " buffer over and over, where the sender replays a recording. A subject that is absent at a size does"
         " not send messages that long. MB are 1,000,000 bytes."
     ),
     body=body,

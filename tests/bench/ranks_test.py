@@ -18,8 +18,8 @@ def test_the_wider_spread_of_two_subjects_decides_on_a_tie(folder):
 
 def test_throughput_ranks_the_highest_first(folder):
     rows = [
-        ("tcp", 10240, "nc", 0, 1, 1000, 0, 0, 1),
-        ("tcp", 10240, "sender", 0, 1, 2000, 0, 0, 4),
+        ("tcp", 10240, "nc", 0, 1, 1000, 0, 0, 1, 1),
+        ("tcp", 10240, "sender", 0, 1, 2000, 0, 0, 4, 4),
     ]
     write(folder, "throughput", rows)
     text = document(folder)

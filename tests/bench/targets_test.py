@@ -141,7 +141,7 @@ def test_a_missed_target_is_named_again_with_what_bounds_it(folder):
     producer(folder, sender=500, bare=100, zero_filled=350, unfilled=50)
     text = " ".join(document(folder).split())
     assert "- **Reading thread against the bare reader, capture, 500 bytes**: 5.000" in text
-    assert "takes 300 ns, 75.0 % of the difference of 400 ns." in text
+    assert "takes 300 ns by itself, 75.0 % of the difference of 400 ns." in text
 
 
 def test_a_missed_target_without_a_reason_is_named_on_standard_error(folder, monkeypatch, capsys):
@@ -158,3 +158,17 @@ def test_the_first_reason_that_fits_and_says_something_counts(folder, monkeypatc
     monkeypatch.setattr("performance.targets.REASONS", reasons)
     poller(folder, streamed=(2000, 2000, 2000))
     assert "It is 2.000 of 1,000 ns." in document(folder)
+
+
+@pytest.mark.parametrize("last, word", [(125, "flat"), (126, "not flat")])
+def test_a_cost_per_piece_is_flat_within_a_quarter(folder, last, word):
+    rows = [("passes", x, "passes", 0, cost, "ns/message") for x, cost in ((1, 100), (10, last))]
+    write(folder, "scale", rows)
+    assert f" at 10 passes, {word}. Measured" in " ".join(document(folder).split())
+
+
+@pytest.mark.parametrize("last, word", [(150, "linear"), (151, "not linear"), (33, "not linear")])
+def test_a_total_is_linear_when_its_last_steps_are_about_as_steep(folder, last, word):
+    points = ((0, 0), (1, 60), (2, last))
+    write(folder, "scale", [("load", x, "MB", 0, value, "ms") for x, value in points])
+    assert f" at 2 MB, {word}\n" in document(folder)

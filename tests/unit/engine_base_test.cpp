@@ -31,6 +31,7 @@ public:
     void out_event() override {}
     int32_t set_local_address(std::string&) override { return 0; }
 
+    using engine_base::create_queue;
     using engine_base::create_socket;
     using engine_base::make_socket_noninheritable;
     using engine_base::pull_msg_from_pipe;
@@ -151,7 +152,7 @@ TEST_F(EngineBase, AMessageThatItsCallerKeepsIsReleasedOnceSent)
 
 TEST_F(EngineBase, AMessageThatNobodyKeepsIsFreedByTheThreadThatHandsOver)
 {
-    engine_.queue_ = support::queue_of(1);
+    engine_.create_queue();
     const auto watch = hand_over();
     send_one();
     EXPECT_FALSE(watch.expired());
@@ -161,7 +162,7 @@ TEST_F(EngineBase, AMessageThatNobodyKeepsIsFreedByTheThreadThatHandsOver)
 
 TEST_F(EngineBase, ARefusedMessageFreesNone)
 {
-    engine_.queue_ = support::queue_of(2);
+    engine_.create_queue();
     const auto watch = hand_over();
     (void)hand_over();
     send_one();
@@ -172,7 +173,7 @@ TEST_F(EngineBase, ARefusedMessageFreesNone)
 
 TEST_F(EngineBase, MessagesSentBecomeFewerWhileOthersAreHandedOver)
 {
-    engine_.queue_ = support::queue_of(vesk::QUEUE_CAPACITY);
+    engine_.create_queue();
     std::vector<std::weak_ptr<vesk::dataBuffer>> watches;
     for (int i = 0; i < 4; ++i)
         watches.push_back(hand_over());
@@ -187,6 +188,7 @@ TEST_F(EngineBase, MessagesSentBecomeFewerWhileOthersAreHandedOver)
 
 TEST_F(EngineBase, WithoutRoomForItOnTheWayBackAMessageIsFreedAtOnce)
 {
+    engine_.create_queue();
     engine_.queue_ = support::queue_of(vesk::QUEUE_CAPACITY + 1);
     std::weak_ptr<vesk::dataBuffer> last;
     for (int i = 0; i <= vesk::QUEUE_CAPACITY; ++i)
@@ -203,7 +205,7 @@ TEST_F(EngineBase, AnEngineFreesTheMessagesOnTheirWayBack)
     std::weak_ptr<vesk::dataBuffer> watch;
     {
         plain_engine engine;
-        engine.queue_ = support::queue_of(1);
+        engine.create_queue();
         auto msg = message("abc");
         watch = msg;
         ASSERT_EQ(engine.push_msg_to_pipe(std::move(msg)), 0);
