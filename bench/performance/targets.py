@@ -34,6 +34,11 @@ REASONS = {
         " one processor and lowered on the other in each pass. A streamed message, which only"
         " moves on, takes {streamed} ns; the steps are the same otherwise."
     ),
+    "user share *": (
+        "The replaced calls by themselves take {stub} ns. The rest is the sender's own steps, whose"
+        " number is under Instructions, and waiting for what the other processor has written; the"
+        " same steps took {low} to {high} ns in this run."
+    ),
     # e.g. "producer capture 500"; {sender}, {bare}, {difference}, {zero_fill}: ns; {zero_share}
     "producer *": (
         "Every message gets a buffer of its own, which is filled with zeros before its bytes are"

@@ -77,14 +77,14 @@ def queue(folder, **medians):
 
 
 def pacing(folder, rate="1 Mbps", shares=None, **subjects):
-    """One run per subject: (rate error, p50, p99). A share of a processor is 0.5 or as in
+    """One run per subject: (rate error, p50, p99). A share of a processor is 0.1 or as in
     `shares`."""
     shares = shares or {}
     write(
         folder,
         "pacing",
         [
-            (rate, subject.replace("_", "-"), 0, 10, error, p50, p99, 0, 0, 0, shares.get(subject, 0.5))
+            (rate, subject.replace("_", "-"), 0, 10, error, p50, p99, 0, 0, 0, shares.get(subject, 0.1))
             for subject, (error, p50, p99) in subjects.items()
         ],
     )
