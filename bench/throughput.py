@@ -306,8 +306,6 @@ def print_medians(path):
 
 def main():
     options = harness.options(__doc__)
-    # An ordinary end also for SIGTERM, so that no subject is left behind.
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     os.sched_setaffinity(0, harness.OTHERS)
     options.out.mkdir(parents=True, exist_ok=True)
     path = options.out / "throughput.csv"
