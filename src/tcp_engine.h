@@ -345,7 +345,8 @@ protected:
     // main thread may look only after the wake-up has reached it.
     queue_ptr queue_;
     // The way back of messages sent, from the poller thread to the main thread. It comes
-    // with queue_, and what is said there holds for it too.
+    // with queue_, and what is said there holds for it too; an engine that brings a
+    // queue of its own goes without, and frees its messages where they were sent.
     queue_ptr spent_;
 };
 
