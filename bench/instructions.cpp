@@ -17,13 +17,13 @@
 #include <string>
 #include <utility>
 
-#include <arpa/inet.h>
 #include <gnu/libc-version.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <valgrind/callgrind.h>
 
+#include "sockets.h"
 #include "support/capture_builder.h"
 #include "support/scratch_dir.h"
 #include "tcp_replay.h"
@@ -43,37 +43,25 @@ constexpr size_t POLLED_SIZE = 64;
 // A loopback socket that is bound and takes what comes.
 class peer {
 public:
-    explicit peer(int type) : fd_(::socket(AF_INET, type, 0))
-    {
-        address_.sin_family = AF_INET;
-        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address_);
-        if (::bind(fd_, generic(), length) != 0 ||
-            ::getsockname(fd_, generic(), &length) != 0)
-            throw std::runtime_error("no loopback socket");
-    }
+    explicit peer(int type) : fd_(bench::checked(::socket(AF_INET, type, 0), "socket")) {}
     ~peer() { ::close(fd_); }
     peer(const peer&) = delete;
     peer& operator=(const peer&) = delete;
 
     int fd() const { return fd_; }
-    std::string name() const
+    uint16_t port() const { return port_; }
+    std::string name() const { return bench::endpoint(port_); }
+    void connect_to(uint16_t port)
     {
-        return "127.0.0.1:" + std::to_string(ntohs(address_.sin_port));
-    }
-    void connect_to(const std::string& name)
-    {
-        address_.sin_port =
-            htons(static_cast<uint16_t>(std::stoi(name.substr(name.find(':') + 1))));
-        if (::connect(fd_, generic(), sizeof(address_)) != 0)
-            throw std::runtime_error("cannot connect to " + name);
+        const sockaddr_in address = bench::loopback(port);
+        bench::checked(
+            ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+            "connect");
     }
 
 private:
-    sockaddr* generic() { return reinterpret_cast<sockaddr*>(&address_); }
-
     int fd_;
-    sockaddr_in address_{};
+    uint16_t port_{bench::bind_anywhere(fd_)};
 };
 
 vesk::data_t make_message(size_t size)
@@ -144,18 +132,15 @@ int poll_udp(uint64_t speed)
 
 int poll_tcp()
 {
-    std::string address;
-    {
-        const peer probe(SOCK_STREAM); // a port that is free from here on
-        address = probe.name();
-    }
+    const uint16_t port = peer(SOCK_STREAM).port(); // free from here on
+    std::string address = bench::endpoint(port);
     const auto poller = std::make_shared<vesk::epoll_t>();
     const int wakeup = ::eventfd(0, EFD_NONBLOCK);
     counted_engine<vesk::tcp_engine> engine(poller, wakeup);
     if (engine.set_local_address(address) != 0 || poller->start_poller("poller") != 0)
         throw std::runtime_error("no sender");
     peer receiver(SOCK_STREAM);
-    receiver.connect_to(address);
+    receiver.connect_to(port);
     engine.run();
     poller->stop_poller();
     ::close(wakeup);

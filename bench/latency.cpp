@@ -23,13 +23,13 @@
 #include <utility>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "processors.h"
+#include "sockets.h"
 #include "tcp_engine.h"
 
 namespace {
@@ -83,32 +83,23 @@ std::vector<int64_t> measure(size_t count, hand_over_t hand_over)
 // A bound socket that nobody reads: what finds no room there is dropped.
 class unread_socket {
 public:
-    unread_socket() : fd_(::socket(AF_INET, SOCK_DGRAM, 0))
-    {
-        address_.sin_family = AF_INET;
-        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* generic = reinterpret_cast<sockaddr*>(&address_);
-        socklen_t length = sizeof(address_);
-        if (::bind(fd_, generic, length) != 0 ||
-            ::getsockname(fd_, generic, &length) != 0)
-            throw std::runtime_error("no loopback socket");
-    }
+    unread_socket() : fd_(bench::checked(::socket(AF_INET, SOCK_DGRAM, 0), "socket")) {}
     ~unread_socket() { ::close(fd_); }
     unread_socket(const unread_socket&) = delete;
     unread_socket& operator=(const unread_socket&) = delete;
 
-    const sockaddr_in& address() const { return address_; }
+    uint16_t port() const { return port_; }
 
 private:
     int fd_;
-    sockaddr_in address_{};
+    uint16_t port_{bench::bind_anywhere(fd_)};
 };
 
 // The poller thread inherits its place from the thread that starts it.
 std::vector<int64_t> through_the_sender(size_t count)
 {
     const unread_socket receiver;
-    std::string name = "127.0.0.1:" + std::to_string(ntohs(receiver.address().sin_port));
+    std::string name = bench::endpoint(receiver.port());
     const auto poller = std::make_shared<vesk::epoll_t>();
     vesk::udp_engine engine(poller, true);
     bench::pin(0, true);
@@ -165,11 +156,11 @@ private:
         while (const vesk::data_t message = take())
             (void)::sendto( // its result is the same socket's for both subjects
                 fd_, message->buf, message->length, 0,
-                reinterpret_cast<const sockaddr*>(&receiver_.address()),
-                sizeof(receiver_.address()));
+                reinterpret_cast<const sockaddr*>(&address_), sizeof(address_));
     }
 
     unread_socket receiver_;
+    sockaddr_in address_{bench::loopback(receiver_.port())};
     int fd_{::socket(AF_INET, SOCK_DGRAM, 0)};
     std::mutex mutex_;
     std::condition_variable filled_;

@@ -21,7 +21,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -38,12 +37,17 @@
 #include <unistd.h>
 
 #include "processors.h"
+#include "sockets.h"
 #include "support/capture_builder.h"
 #include "tcp_engine.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using bench::bind_anywhere;
+using bench::checked;
+using bench::fail;
+using bench::loopback;
 
 constexpr size_t DISTINCT_MESSAGES = vesk::QUEUE_CAPACITY;
 constexpr size_t RECEIVE_BUFFER = 64 << 20;
@@ -58,47 +62,6 @@ struct plan {
     uint64_t messages{400000}; // measured per run
     int runs{9};
 };
-
-[[noreturn]] void fail(const std::string& what)
-{
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-int checked(int rc, const char* what)
-{
-    if (rc == -1)
-        fail(what);
-    return rc;
-}
-
-// The receiver shares its processor with the sender's reading thread, which spins.
-// Where it is allowed, it goes first there, so that both kinds of sender meet the
-// same receiver. The senders do not inherit this.
-void put_first()
-{
-    const sched_param priority{1};
-    if (::sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &priority) == -1)
-        std::cerr << "loopback: no real-time priority; the receiver may lag\n";
-}
-
-sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-uint16_t bind_anywhere(int fd)
-{
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof(address);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    checked(::bind(fd, generic, length), "bind");
-    checked(::getsockname(fd, generic, &length), "getsockname");
-    return ntohs(address.sin_port);
-}
 
 // The receiver naps when there is nothing instead of waiting: waking it would cost the
 // sending thread as much as several sends, and how often that happens is chance. As it
@@ -453,7 +416,7 @@ plan parse(int argc, char** argv)
 void run(const plan& p)
 {
     bench::pin(0, false);
-    put_first();
+    bench::put_first();
     std::string folder = (fs::temp_directory_path() / "loopback.XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr)
         fail("mkdtemp");

@@ -12,7 +12,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -21,12 +20,15 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "sockets.h"
+
 namespace {
 
+using bench::checked;
+using bench::loopback;
 using steady = std::chrono::steady_clock;
 using seconds = std::chrono::duration<double>;
 
@@ -36,13 +38,6 @@ constexpr size_t BATCH = 256;
 constexpr seconds WARM_UP{0.2};
 constexpr std::chrono::seconds PATIENCE{10};
 constexpr std::chrono::microseconds NAP{100};
-
-int checked(int rc, const char* what)
-{
-    if (rc == -1)
-        throw std::system_error(errno, std::generic_category(), what);
-    return rc;
-}
 
 // The processor time of a sending process. One that has ended keeps its figures until
 // its parent asks for its status.
@@ -107,15 +102,6 @@ void print_ready()
     std::fflush(stdout);
 }
 
-// The receiver shares its processor with the sender's reading thread, which spins.
-// Where it is allowed, it goes first there, so that all senders meet the same one.
-void put_first()
-{
-    const sched_param priority{1};
-    if (::sched_setscheduler(0, SCHED_FIFO, &priority) == -1)
-        std::cerr << "sink: no real-time priority; the receiver may lag\n";
-}
-
 void make_room(int fd)
 {
     if (::setsockopt(
@@ -134,15 +120,6 @@ void nap(steady::time_point last_arrival)
     if (steady::now() - last_arrival > PATIENCE)
         throw std::runtime_error("nothing has come for a long time");
     std::this_thread::sleep_for(NAP);
-}
-
-sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 int connect_to(uint16_t port)
@@ -330,7 +307,7 @@ uint16_t to_port(const char* text) { return static_cast<uint16_t>(std::stoul(tex
 void receive(std::string_view mode, char** words)
 {
     const sending_process sender{std::stoi(words[2]), std::stoi(words[3])};
-    put_first();
+    bench::put_first();
     if (mode == "connect")
         receive_stream(
             [&] { return connect_to(to_port(words[0])); }, std::stoull(words[1]), sender);
