@@ -26,8 +26,8 @@ OTHERS = PROCESSORS[:-1] or PROCESSORS
 PATIENCE = 30  # seconds for a process to come up
 
 
-def options(doc):
-    """The words that every benchmark takes."""
+def options(doc, **numbers):
+    """The words that every benchmark takes, and own ones that take a number."""
     parser = argparse.ArgumentParser(description=doc)
     parser.add_argument(
         "--build", type=pathlib.Path, default=ROOT / "build/release", help="folder of the programs"
@@ -36,6 +36,8 @@ def options(doc):
         "--out", type=pathlib.Path, default=pathlib.Path("."), help="folder of the samples"
     )
     parser.add_argument("--quick", action="store_true", help="few and short runs: a smoke test")
+    for name, default in numbers.items():
+        parser.add_argument(f"--{name}", type=float, default=default, help=f"{default:g}")
     # So that scopes are left, and what was started in them ends.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
     return parser.parse_args()
