@@ -1,8 +1,8 @@
 """The harness of the end-to-end tests: the built program as a child process,
 receivers that connect to it, and the texts that it is expected to print.
 
-REPLAY_SENDER names the binary, REPLAY_SANITIZER says how it was built ("" or
-"asan"); the sanitizers' own options pass through from the environment.
+REPLAY_SENDER names the binary, REPLAY_SANITIZER says how it was built ("",
+"asan" or "tsan"); the sanitizers' own options pass through from the environment.
 """
 
 import contextlib

@@ -1,0 +1,682 @@
+"""Signals at any moment: stop signals at random moments of every kind of run, stop
+signals in pairs, and the signals that change nothing in great numbers.
+
+REPLAY_SIGNALS is how many random moments there are in all, REPLAY_SEED repeats those
+of an earlier run, and REPLAY_SIGNALS_RECORD names a file to which a line of JSON is
+added for each of them.
+"""
+
+import contextlib
+import dataclasses
+import itertools
+import json
+import os
+import random
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+import pytest
+
+from capture_test import reading
+from conftest import (
+    BINARY,
+    DEADLINE,
+    LOCALHOST,
+    MESSAGE_SIZE,
+    POLL_INTERVAL,
+    SANITIZER,
+    Program,
+    Receiver,
+    Sender,
+    debug_dump,
+    echo,
+    pieces,
+)
+from stoppable_runs import KINDS, Nobody, Reader, a_capture, a_file, random_bytes
+from tcp_run_test import (  # noqa: F401: fixtures, and what tells of the slow path
+    parse_slow_sends,
+    stalled_newer,
+)
+from udp_receiver import UdpReceiver
+
+MOMENTS = int(os.environ.get("REPLAY_SIGNALS", 120))
+SEED = int(os.environ.get("REPLAY_SEED") or random.SystemRandom().randrange(2**32))
+RECORD = os.environ.get("REPLAY_SIGNALS_RECORD")
+
+STOP_SIGNALS = (signal.SIGINT, signal.SIGTERM)
+# Seconds that a stop may take on a machine with processors to spare. A sanitizer
+# looks through all memory at the end.
+PROMPTLY = 10 if SANITIZER else 1
+# Processor time of the main thread, in nanoseconds, that only a run that goes on
+# uses up behind a signal.
+GOES_ON = 200_000_000
+PHASES = ("start", "middle", "end")
+QUEUE_CAPACITY = 1024
+
+
+# ------------------------------------------------------------------- a run's end
+
+
+class Run(Sender):
+    """A sender that leads a process group of its own."""
+
+    def __init__(self, directory, words, port):
+        self.port = port
+        Program.__init__(self, directory, [BINARY, *words], start_new_session=True)
+
+    def has_ended(self):
+        """Without taking the status, so that the kernel's record of it stays."""
+        options = os.WEXITED | os.WNOHANG | os.WNOWAIT
+        return os.waitid(os.P_PID, self.pid, options) is not None
+
+    def schedule(self):
+        """By thread: nanoseconds of processor time, and of readiness to run without
+        a processor."""
+        found = {}
+        tasks = f"/proc/{self.pid}/task"
+        for thread in os.listdir(tasks):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                with open(f"{tasks}/{thread}/schedstat") as text:
+                    worked, delayed, _ = map(int, text.read().split())
+                found[int(thread)] = worked, delayed
+        return found
+
+    def expect_nothing_left(self):
+        """No process of its group, and the port, if it had one, free again."""
+        limit = time.monotonic() + DEADLINE
+        while has_processes(self.pid):
+            # A sanitizer's look for leaks takes a process, which ends a little later.
+            assert SANITIZER and time.monotonic() < limit, "a process is left"
+            time.sleep(POLL_INTERVAL)
+        with socket.socket() as other:
+            other.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            other.bind((LOCALHOST, self.port))
+            other.listen()
+
+
+def has_processes(group):
+    try:
+        os.killpg(group, 0)
+    except ProcessLookupError:
+        return False
+    return True
+
+
+class Stop:
+    """One stop signal, and what became of the run."""
+
+    def __init__(self, run, number):
+        self._run = run
+        self._before = run.schedule()
+        self._latest = dict(self._before)
+        self._sent = time.monotonic()
+        os.kill(run.pid, number)  # which, unlike the run's own, never takes its status
+        self.shown = run.output()  # at least what was shown before the signal came
+
+    def has_effect(self):
+        """Waits for the end. False when the run goes on instead."""
+        while not self._run.has_ended():
+            self._sample()
+            if self._worked(self._run.pid) > GOES_ON:
+                return False
+            if time.monotonic() - self._sent > DEADLINE:
+                self._run.fail(f"neither ended nor went on within {DEADLINE} s")
+            self._run.pause()
+        self.seconds = time.monotonic() - self._sent
+        self._sample()
+        return True
+
+    def waited(self):
+        """Seconds of this in which its threads had no processor, though ready."""
+        delays = [
+            now - self._before.get(thread, (0, 0))[1]
+            for thread, (_, now) in self._latest.items()
+        ]
+        return sum(delays) / 1e9
+
+    def _sample(self):
+        self._latest.update(self._run.schedule())
+
+    def _worked(self, thread):
+        return self._latest[thread][0] - self._before[thread][0]
+
+
+# -------------------------------------------------------- stops at random moments
+
+
+@dataclasses.dataclass
+class Moment:
+    kind: str
+    number: int
+    phase: str
+    signal: str
+    delay: float
+    outcome: str = ""
+    seconds: float = 0.0
+    waited: float = 0.0
+
+    def record(self):
+        if RECORD:
+            with open(RECORD, "a") as file:
+                file.write(json.dumps(dataclasses.asdict(self)) + "\n")
+
+
+@contextlib.contextmanager
+def told_on_failure(moment):
+    done = False
+    try:
+        yield
+        done = True
+    finally:
+        if not done:
+            print(f"{moment}\nto repeat: REPLAY_SEED={SEED} REPLAY_SIGNALS={MOMENTS}")
+        moment.record()
+
+
+@pytest.fixture(scope="module")
+def startup(tmp_path_factory):
+    """Seconds from the program's start to the end of its configuration."""
+    directory = tmp_path_factory.mktemp("startup")
+    times = []
+    for _ in range(5):
+        begun = time.monotonic()
+        run = Run(directory, ["--filepath", __file__, "--port", "0"], 0)
+        run.wait_for_output("\ndevice: ")
+        times.append(time.monotonic() - begun)
+        run.kill()
+    return sorted(times)[2]
+
+
+def random_delay(random, phase, startup):
+    """Seconds behind the beginning of the phase. Of the start, what comes before the
+    replay's own beginning is the least part and comes up more often."""
+    if phase == "start":
+        longest = random.choice([startup / 3, startup, max(0.02, 2 * startup)])
+        return random.uniform(0, longest)
+    return random.uniform(0, 0.03 if phase == "middle" else 0.11)
+
+
+def moments_of(name):
+    """How many of the moments fall to this kind."""
+    return len(range(list(KINDS).index(name), MOMENTS, len(KINDS)))
+
+
+class Attempt:
+    """A run of one kind that is stopped at one moment."""
+
+    def __init__(self, kind, recording, moment, directory, port, random):
+        self.kind = kind
+        self.moment = moment
+        self.path, found, messages = recording
+        self.messages = messages[::-1] if kind.preload else messages
+        self.audience = kind.audience(port, random)
+        words = kind.words(self.path, self.audience, found)
+        self.settings = kind.settings(found)
+        self.run = Run(directory, words, self.audience.port)
+
+    def stop(self, random):
+        """Stops it at the moment; the outcome is checked against what came first."""
+        number = signal.Signals[self.moment.signal]
+        self._wait_for_phase()
+        time.sleep(self.moment.delay)
+        begun = self.audience.begun() or self.moment.phase != "start"
+        stop = Stop(self.run, number)
+        if not stop.has_effect():
+            assert not begun, "the stop had no effect"
+            self.moment.outcome = "forgotten"
+            self._wait_for("begun")
+            stop = Stop(self.run, random.choice(STOP_SIGNALS))
+            assert stop.has_effect(), "the second stop had no effect"
+        self._judge(stop, number)
+
+    def _judge(self, stop, number):
+        self.moment.seconds, self.moment.waited = stop.seconds, stop.waited()
+        status = self.run.wait()
+        if status == -number and not self.moment.outcome:
+            # The handler comes before the first line.
+            self.moment.outcome = "died"
+            assert not self.run.output(), "died although its handler was installed"
+            assert not self.run.errors()
+            return
+        assert status == 0
+        if not self.moment.outcome:
+            self.moment.outcome = "ended"
+            assert "\ndevice: " in stop.shown, "a stop before the replay counted"
+        net = stop.seconds - stop.waited()
+        assert net <= PROMPTLY, f"{stop.seconds} s, of which {stop.waited()} waiting"
+
+    def check(self):
+        """What is left, what was received and what was shown."""
+        self.audience.hear_out()
+        self.run.expect_nothing_left()
+        self.audience.check(self.run, self.messages, self.kind.passes)
+        if self.moment.outcome == "died":
+            assert not self.audience.begun()
+            return
+        shown = echo(self.path, f"{self.audience.ip}:{self.run.port}", **self.settings)
+        expected = [shown + part + tail for part in self._told() for tail in self._tails()]
+        assert self.run.output() in expected
+        assert self.run.errors() == ""
+
+    def close(self):
+        self.run.kill()
+        self.audience.close()
+
+    def _told(self):
+        """What tells of captures: once when one is loaded, else for each pass begun."""
+        if "filetype" not in self.settings:
+            return ("",)
+        line = reading(self.path)
+        if self.kind.preload:
+            return (line,)
+        # A pass is only read while there is room in the queue.
+        sent = self.audience.messages_seen(self.messages)
+        least = -(-sent // len(self.messages))
+        most = (sent + QUEUE_CAPACITY + 1) // len(self.messages) + 1
+        if self.kind.passes:
+            most = min(most, self.kind.passes)
+        return tuple(line * count for count in range(least, most + 1))
+
+    def _tails(self):
+        if not self.kind.debug:
+            return self.audience.tails
+        # Only what has left completely is dumped.
+        count = self.audience.messages_seen(self.messages)
+        return (debug_dump(self.messages[:count]),)
+
+    def _wait_for_phase(self):
+        if self.moment.phase == "middle":
+            self._wait_for("begun")
+        elif self.moment.phase == "end":
+            self._wait_for("finished")
+
+    def _wait_for(self, what):
+        size = sum(map(len, self.messages)) * max(self.kind.passes, 1)
+        self.audience.wait_for(self.run, what, size)
+
+
+@pytest.mark.parametrize("name", KINDS)
+def test_a_stop_at_any_moment_ends_the_run_at_once_and_leaves_nothing(
+    name, tmp_path, port, startup
+):
+    """Status 0 within a second of the processors' time, whole messages from the
+    first on, and no text but the expected.
+
+    A signal before the handler is installed, which is before the first line, kills.
+    One from then until the replay begins is forgotten, and a second ends the run.
+    The second is counted without the time in which the run's threads were ready and
+    had no processor: that is the machine's time and not the program's.
+    """
+    kind = KINDS[name]
+    recording = kind.source(tmp_path)
+    for number in range(moments_of(name)):
+        # Each moment from its own seed: it does not depend on those before it.
+        chance = random.Random(f"{SEED} {name} {number}")
+        phase = PHASES[number % len(PHASES)]
+        moment = Moment(
+            name, number, phase, chance.choice(STOP_SIGNALS).name,
+            random_delay(chance, phase, startup),
+        )
+        directory = tmp_path / f"run-{number}"
+        directory.mkdir()
+        attempt = Attempt(kind, recording, moment, directory, port, chance)
+        with told_on_failure(moment), contextlib.closing(attempt):
+            attempt.stop(chance)
+            attempt.check()
+
+
+def test_a_stop_while_the_configuration_is_shown_is_forgotten(data_file, tmp_path, port):
+    """Between its handler and the replay: a second stop, then, ends the run.
+
+    The signal comes while standard output takes no more, so the order is certain.
+    """
+    read_end, write_end = os.pipe()
+    fill_pipe(write_end)
+    with open(tmp_path / "stderr", "wb") as errors:
+        run = Program(
+            tmp_path, [BINARY, "--filepath", data_file(b"data"), "--port", str(port)],
+            stdout=write_end, stderr=errors,
+        )
+    os.close(write_end)
+    try:
+        run.wait_until(lambda: blocked_in(run.pid, "pipe_write"), "the full pipe")
+        run.signal(signal.SIGINT)
+        run.wait_until(lambda: not blocked_in(run.pid, "pipe_write"), "the signal")
+        receiver = wait_to_connect(run, port)
+        assert receiver.read_exactly(4) == b"data"
+        run.signal(signal.SIGINT)
+        assert run.wait() == 0
+        assert receiver.read_to_end() == b""
+        receiver.close()
+        assert run.errors() == ""
+    finally:
+        os.close(read_end)
+        run.kill()
+
+
+def fill_pipe(write_end):
+    os.set_blocking(write_end, False)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            os.write(write_end, b"x" * 4096)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            os.write(write_end, b"x")
+    os.set_blocking(write_end, True)
+
+
+def blocked_in(pid, function):
+    with open(f"/proc/{pid}/wchan") as place:
+        return function in place.read()
+
+
+def wait_to_connect(run, port):
+    def connected():
+        with contextlib.suppress(ConnectionRefusedError):
+            return Receiver(port)
+
+    return run.wait_until(connected, "a connection")
+
+
+# -------------------------------------------------------- more than one stop signal
+
+
+def send_one_after_the_other(run, numbers):
+    for number in numbers:
+        run.signal(number)
+
+
+def send_at_once(run, numbers):
+    """All are pending when the run goes on."""
+    run.signal(signal.SIGSTOP)
+    run.wait_until(lambda: is_stopped(run), "the stopped state")
+    send_one_after_the_other(run, numbers)
+    run.signal(signal.SIGCONT)
+
+
+def is_stopped(run):
+    with open(f"/proc/{run.pid}/stat") as stat:
+        return stat.read().rpartition(")")[2].split()[0] == "T"
+
+
+def send_until_the_end(run, numbers):
+    """Far more than are needed, while the run is ending."""
+    for number in itertools.cycle(numbers):
+        if run.has_ended():
+            return
+        os.kill(run.pid, number)  # which never takes the status
+
+
+@pytest.fixture
+def run_of(tmp_path, port):
+    """run_of(path, *words) is a TCP run of this path, listening."""
+    runs = []
+
+    def start(path, *words):
+        directory = tmp_path / f"run-{len(runs)}"
+        directory.mkdir()
+        words = ["--filepath", str(path), "--port", str(port), *words]
+        runs.append(Run(directory, words, port))
+        runs[-1].wait_until_listening()
+        return runs[-1]
+
+    yield start
+    for each in runs:
+        each.kill()
+
+
+ORDERS = {
+    "SIGINT, SIGINT": (signal.SIGINT, signal.SIGINT),
+    "SIGTERM, SIGINT": (signal.SIGTERM, signal.SIGINT),
+    "SIGINT, SIGTERM, SIGHUP": (signal.SIGINT, signal.SIGTERM, signal.SIGHUP),
+}
+
+
+@pytest.mark.parametrize("order", ORDERS)
+@pytest.mark.parametrize(
+    "send", [send_one_after_the_other, send_at_once, send_until_the_end]
+)
+@pytest.mark.parametrize("state", ["nobody has come", "sending", "paced"])
+def test_several_stop_signals_are_as_good_as_one(
+    run_of, data_file, port, state, send, order
+):
+    words = {"paced": ("--mbps", "80"), "sending": ()}.get(state, ())
+    path = data_file(random_bytes(1 << 20))
+    run = run_of(path, "--loopback", "0", *words)
+    run.wait_until_replaying()
+    audience = Nobody(port, None) if state == "nobody has come" else Reader(port, None)
+    try:
+        audience.wait_for(run, "begun", 0)
+        send(run, ORDERS[order])
+        speed = {"in_speed": 80000000} if words else {}
+        run.expect(output=echo(path, run.address, loopback=0, **speed))
+        audience.hear_out()
+        audience.check(run, pieces(path.read_bytes()), 0)
+        run.expect_nothing_left()
+    finally:
+        run.kill()
+        audience.close()
+
+
+@pytest.mark.parametrize("number", STOP_SIGNALS)
+@pytest.mark.parametrize("state", ["nobody has come", "sending"])
+def test_a_stop_that_the_sending_thread_takes_ends_the_run(
+    run_of, data_file, port, state, number
+):
+    """The kernel gives a signal to the thread that it was sent to, if it can. That
+    one's wait, or its sending, is interrupted then."""
+    path = data_file(random_bytes(1 << 20))
+    run = run_of(path, "--loopback", "0")
+    run.wait_until_replaying()
+    audience = Nobody(port, None) if state == "nobody has come" else Reader(port, None)
+    try:
+        audience.wait_for(run, "begun", 0)
+        os.kill(run.poller(), number)
+        run.expect(output=echo(path, run.address, loopback=0))
+        audience.hear_out()
+        audience.check(run, pieces(path.read_bytes()), 0)
+    finally:
+        run.kill()
+        audience.close()
+
+
+def test_a_stop_that_interrupts_the_wait_for_a_stalled_receiver_loses_nothing(
+    stalled_newer,
+):
+    """The sending thread finds no room yet, says so again and goes on waiting."""
+    sender, older, newer, data, seen, shown = stalled_newer
+    lines = "Using poll wait to send "
+    before = sender.output().count(lines)
+    os.kill(sender.poller(), signal.SIGINT)
+    sender.wait_for_output(lines, before + 1)
+    received = newer.read_to_end()
+    assert received in data and len(received) % MESSAGE_SIZE == 0
+    assert sender.wait() == 0
+    output = sender.output()
+    again = output[len(shown) :].splitlines()
+    assert again.pop(2) == again[1], output
+    parse_slow_sends(again)
+    assert sender.errors() == ""
+
+
+# --------------------------------------------------- the signals that change nothing
+
+# Sends the named signals to each of the named processes or threads until standard
+# input ends, and then says how many there were.
+STORM = """
+import os, select, sys
+numbers, targets = (list(map(int, words.split(","))) for words in sys.argv[1:])
+count = 0
+while not select.select([sys.stdin], [], [], 0)[0]:
+    for _ in range(25):
+        for number in numbers:
+            for target in targets:
+                os.kill(target, number)
+                count += 1
+print(count)
+"""
+
+
+@contextlib.contextmanager
+def storm(run, *numbers):
+    """Another process sends these signals, to the program and to its sending thread;
+    the list gets their count."""
+    words = (",".join(map(str, map(int, numbers))), f"{run.pid},{run.poller()}")
+    counts = []
+    with subprocess.Popen(
+        [sys.executable, "-c", STORM, *words],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+    ) as other:
+        yield counts
+        counts.append(int(other.communicate()[0]))
+
+
+IGNORED = (signal.SIGHUP, signal.SIGPIPE)
+STORMY = {
+    "a file, as fast as it goes": (a_file, ("--loopback", "40"), {"loopback": 40}),
+    "paced": (
+        a_file, ("--mbps", "20"), {"in_speed": 20000000},
+    ),
+    "a capture": (
+        a_capture, ("--filetype", "1", "--filter", "udp", "--loopback", "100"),
+        {"filetype": 1, "filter": "udp", "loopback": 100},
+    ),
+}
+
+
+@pytest.mark.parametrize("kind", STORMY)
+def test_a_storm_of_ignored_signals_changes_nothing_over_tcp(
+    run_of, tmp_path, port, kind
+):
+    source, words, settings = STORMY[kind]
+    path, _, messages = source(tmp_path)
+    expected = b"".join(messages) * settings.get("loopback", 1)
+    run = run_of(path, *words)
+    run.wait_until_replaying()
+    receiver = Receiver(port)
+    with storm(run, *IGNORED) as counts:
+        assert receiver.read_exactly(len(expected)) == expected
+        run.wait_for_progress(milliseconds=100)
+    assert counts[0] >= 2000
+    run.stop()
+    assert receiver.read_to_end() == b""
+    receiver.close()
+    told = reading(path) * settings["loopback"] if "filter" in settings else ""
+    run.expect(output=echo(path, run.address, **settings) + told)
+
+
+def test_a_storm_of_ignored_signals_changes_nothing_over_udp(tmp_path, start):
+    path, _, messages = a_capture(tmp_path)
+    there = UdpReceiver()
+    run = start(
+        "--filepath", path, "--port", str(there.port), "--protocol", "udp",
+        "--filetype", "1", "--filter", "udp", "--loopback", "2", "--mbps", "6",
+    )
+    run.wait_for_output("\ndevice: ")
+    run.wait_until(lambda: len(run.threads()) == 2, "the sending thread")
+    with storm(run, *IGNORED) as counts:
+        assert there.receive(2 * len(messages)) == 2 * messages
+    assert counts[0] >= 2000
+    run.stop()
+    assert there.is_quiet()
+    there.close()
+    run.expect(
+        output=echo(
+            path, f"{LOCALHOST}:{there.port}", filetype=1, loopback=2,
+            in_speed=6000000, filter="udp", protocol="udp",
+        )
+        + reading(path) * 2
+    )
+
+
+def test_a_storm_while_nobody_has_come_changes_nothing(run_of, data_file, port):
+    path = data_file(b"data")
+    run = run_of(path)
+    run.wait_until_replaying()
+    with storm(run, *IGNORED) as counts:
+        run.wait_for_progress([run.pid], milliseconds=200)
+    assert counts[0] >= 2000
+    receiver = Receiver(port)
+    assert receiver.read_exactly(4) == b"data"
+    run.stop()
+    receiver.close()
+    run.expect(output=echo(path, run.address))
+
+
+def pause_and_continue(run, times):
+    """Stops the whole program so often, each time for a moment."""
+    for _ in range(times):
+        run.signal(signal.SIGSTOP)
+        run.wait_until(lambda: is_stopped(run), "the stopped state")
+        time.sleep(POLL_INTERVAL)
+        run.signal(signal.SIGCONT)
+        run.wait_until(lambda: not is_stopped(run), "the running state")
+
+
+@pytest.mark.parametrize(
+    "words, settings",
+    [((), {}), (("--mbps", "80"), {"in_speed": 80000000})],
+    ids=["as fast as it goes", "paced"],
+)
+def test_a_tcp_run_that_is_halted_and_continued_loses_nothing(
+    run_of, data_file, port, words, settings
+):
+    path = data_file(random_bytes(3 << 20))
+    run = run_of(path, *words)
+    run.wait_until_replaying()
+    pause_and_continue(run, 5)  # its wait for a receiver is interrupted
+    receiver = Receiver(port, rcvbuf=65536)
+    received = receiver.read_exactly(MESSAGE_SIZE)
+    for _ in range(20):
+        pause_and_continue(run, 1)
+        received += receiver.read_exactly(10 * MESSAGE_SIZE)
+    received += receiver.read_exactly((3 << 20) - len(received))
+    assert received == path.read_bytes()
+    pause_and_continue(run, 5)
+    run.stop()
+    assert receiver.read_to_end() == b""
+    receiver.close()
+    run.expect(output=echo(path, run.address, **settings))
+
+
+def test_a_udp_run_that_is_halted_and_continued_loses_nothing(tmp_path, start):
+    path, _, messages = a_capture(tmp_path)
+    there = UdpReceiver()
+    run = start(
+        "--filepath", path, "--port", str(there.port), "--protocol", "udp",
+        "--filetype", "1", "--filter", "udp", "--loopback", "2", "--mbps", "10",
+    )
+    received = there.receive(1)
+    for _ in range(20):
+        pause_and_continue(run, 1)
+        received += there.receive(10)
+    received += there.receive(2 * len(messages) - len(received))
+    assert received == 2 * messages
+    run.stop()
+    assert there.is_quiet()
+    there.close()
+    run.expect(
+        output=echo(
+            path, f"{LOCALHOST}:{there.port}", filetype=1, loopback=2,
+            in_speed=10000000, filter="udp", protocol="udp",
+        )
+        + reading(path) * 2
+    )
+
+
+def test_a_halt_in_the_wait_for_a_stalled_receiver_is_not_told(stalled_newer):
+    """The wait is taken up again without a further line."""
+    sender, older, newer, data, seen, shown = stalled_newer
+    output = sender.output()
+    pause_and_continue(sender, 5)
+    sender.wait_for_progress([sender.pid])
+    assert sender.output() == output
+    sender.signal(signal.SIGINT)
+    received = newer.read_to_end()
+    assert received in data and len(received) % MESSAGE_SIZE == 0
+    assert sender.wait() == 0
+    parse_slow_sends(sender.output()[len(shown) :].splitlines())
+    assert sender.errors() == ""
