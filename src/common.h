@@ -200,6 +200,7 @@ inline std::string& trim_(std::string& s)
 inline DataType extract_protocol_type(const std::string& str)
 {
     std::istringstream words(str);
+    words.exceptions(std::ios_base::badbit); // or a lack of memory would end the words
     std::string word;
     while (std::getline(words, word, ' ')) {
         to_lower(word);
@@ -386,11 +387,13 @@ public:
     // Replaces `content` by the rest of the file; true when that was not empty.
     bool read(std::string& content)
     {
-        std::ostringstream rest;
-        rest << infile_.rdbuf();
-        content = rest.str();
-        position_ = infile_.tellg();
-        end_of_file_ = true;
+        content.clear();
+        char block[MAX_BUFFER_SIZE];
+        do {
+            size_t length = sizeof(block);
+            (void)read(block, length); // file_end() tells
+            content.append(block, length);
+        } while (!end_of_file_);
         return !content.empty();
     }
 

@@ -87,9 +87,10 @@ public:
     // second, 0 for no limit. Throws for an unknown protocol; a socket that cannot
     // be opened is fatal.
     replay_base(addrname_t address, uint64_t speed, PROTOTYPE protocol, devname_t devname)
-        : in_address_(std::move(address)), protocol_(protocol),
-          devname_(std::move(devname))
+        : replay_base(std::move(address), protocol, std::move(devname))
     {
+        // From here on the destructor runs when something throws, and takes back the
+        // wake-up descriptor and the poller thread.
         poller_.reset(new (std::nothrow) epoll_t);
         replay_alloc_assert(poller_);
         const int started = poller_->start_poller("poller_thread");
@@ -112,7 +113,8 @@ public:
     // accepted in between could get its number, and with it the wake-up's bytes.
     ~replay_base() override
     {
-        poller_->stop_poller();
+        if (poller_ != nullptr)
+            poller_->stop_poller();
         process_term();
     }
 
@@ -176,6 +178,12 @@ protected:
     private:
         replay_base& replay_;
     };
+
+    // Everything as it is while nothing has been opened.
+    replay_base(addrname_t address, PROTOTYPE protocol, devname_t devname)
+        : in_address_(std::move(address)), protocol_(protocol),
+          devname_(std::move(devname))
+    {}
 
     void open_tcp()
     {
