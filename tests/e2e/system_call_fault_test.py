@@ -1,0 +1,665 @@
+"""The sender when the system refuses or cuts short what it asks for. strace gives the
+made-up results, so that every fault comes when the test wants it.
+
+A tracer takes the place that the leak check of a sanitizer's build needs: there, the
+sender runs without that check. Faults of write are left out there where they would meet
+the sanitizer's own writes.
+"""
+
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+
+from capture_builder import pcap, payloads, udp
+from conftest import (
+    BINARY,
+    DEADLINE,
+    LOCALHOST,
+    SANITIZER,
+    Program,
+    Sender,
+    echo,
+    fatal,
+    pieces,
+    uncaught,
+)
+from udp_receiver import (  # noqa: F401, fixtures
+    UdpReceiver,
+    assert_same,
+    make_receiver,
+    receiver,
+    replay,
+    udp_echo,
+)
+
+STRACE = shutil.which("strace")
+DATA = bytes(range(256)) * 97 + b"the end"  # two whole messages and a part of one
+MESSAGES = pieces(DATA)
+ABORTED = -signal.SIGABRT
+
+
+def may_trace():
+    """Whether strace is here and the system lets it trace."""
+    if STRACE is None:
+        return False
+    words = [STRACE, "-o", os.devnull, "-e", "inject=close:error=EIO:when=1000", "true"]
+    return subprocess.run(words, capture_output=True).returncode == 0
+
+
+pytestmark = pytest.mark.skipif(not may_trace(), reason="strace may not trace here")
+
+
+class FaultySender(Sender):
+    """A sender that runs under these faults from its first instruction on.
+
+    strace runs beside it (-D), so that the process and its end are the sender's own.
+    A fault is written as strace's -e inject= takes it; `path` confines all of them to
+    the calls that concern that file, which may be "stdout".
+    """
+
+    def __init__(self, directory, words, faults, path=None, port=None):
+        self.port = port
+        self.trace = directory / "trace"
+        calls = ",".join(fault.partition(":")[0] for fault in faults)
+        tracer = [STRACE, "-D", "-f", "--quiet=all", "-o", self.trace]
+        tracer += ["-e", f"trace={calls}"]
+        for fault in faults:
+            tracer += ["-e", f"inject={fault}"]
+        if path is not None:
+            tracer += ["-P", os.path.join(directory, path)]  # an absolute one stays
+        Program.__init__(self, directory, [*tracer, BINARY, *words])
+
+    def injected(self):
+        """How often a fault came. strace may still be writing when the sender ends."""
+        limit = time.monotonic() + DEADLINE
+        while True:
+            text = self.trace.read_text() if self.trace.exists() else ""
+            if "INJECTED" in text or time.monotonic() > limit:
+                return text.count("INJECTED")
+            time.sleep(0.01)
+
+
+@pytest.fixture(autouse=True)
+def no_leak_check(monkeypatch):
+    """It would end a sender that is traced."""
+    options = os.environ.get("ASAN_OPTIONS", "")
+    monkeypatch.setenv("ASAN_OPTIONS", f"{options}:detect_leaks=0".lstrip(":"))
+
+
+@pytest.fixture
+def faulty(tmp_path):
+    """faulty(faults, *words, path=, port=) is a FaultySender."""
+    senders = []
+
+    def run(faults, *words, **options):
+        directory = tmp_path / f"faulty-{len(senders)}"
+        directory.mkdir()
+        senders.append(FaultySender(directory, words, faults, **options))
+        return senders[-1]
+
+    yield run
+    for sender in senders:
+        sender.kill()
+
+
+class Tracer:
+    """Gives one thread of a running sender these faults, from now on."""
+
+    def __init__(self, directory, thread, faults):
+        self.trace = directory / f"trace-{thread}"
+        calls = {fault.partition(":")[0] for fault in faults} | {"epoll_wait"}
+        words = [STRACE, "--quiet=all", "-o", self.trace]
+        words += ["-e", f"trace={','.join(sorted(calls))}"]
+        for fault in faults:
+            words += ["-e", f"inject={fault}"]
+        self._process = subprocess.Popen(
+            [*words, "-p", str(thread)], stderr=subprocess.DEVNULL
+        )
+        self._status = pathlib.Path(f"/proc/{thread}/status")
+
+    def is_attached(self):
+        return f"TracerPid:\t{self._process.pid}\n" in self._status.read_text()
+
+    def text(self):
+        return self.trace.read_text() if self.trace.exists() else ""
+
+    def injected(self):
+        return self.text().count("INJECTED")
+
+    def wait(self):
+        """For the end of the sender, with which the tracer ends."""
+        self._process.wait(DEADLINE)
+
+    def stop(self):
+        self._process.terminate()
+        self._process.wait()
+
+
+@pytest.fixture
+def attach(tmp_path):
+    """attach(sender, *faults, main=) returns once the poller thread, or the main
+    thread, is under the faults."""
+    tracers = []
+
+    def run(sender, *faults, main=False):
+        thread = sender.pid if main else sender.poller()
+        tracer = Tracer(tmp_path, thread, faults)
+        tracers.append(tracer)
+        if main:
+            # It makes no calls while it spins, and it spins on once it is traced.
+            sender.wait_until(tracer.is_attached, "attached")
+            sender.wait_for_progress([thread])
+        else:
+            # It waits for events all the time; a line of that is a traced call.
+            sender.wait_until(lambda: "epoll_wait" in tracer.text(), "traced")
+        return tracer
+
+    yield run
+    for tracer in tracers:
+        tracer.stop()
+
+
+@pytest.fixture
+def path(data_file):
+    return data_file(DATA)
+
+
+# ------------------------------------------------------------ setting a run up
+
+OUT_OF_MEMORY = "Cannot allocate memory"
+TOO_MANY_FILES = "Too many open files"
+NO_WAKEUP = "Assertion failed: wakeup_fd_ != retired_fd"
+NO_ENDPOINT = "Assertion failed: rc != retired_fd"
+NOT_INHERITABLE = "Assertion failed: rc != -1"
+NO_WAKEUP_WRITTEN = "Assertion failed: n == sizeof(uint64_t)"
+# What the poller thread's first write may give.
+WAKEUP_WRITES = [
+    ("write:error=EAGAIN:when=1", NO_WAKEUP_WRITTEN, "tcp_engine.h"),
+    ("write:retval=4:when=1", NO_WAKEUP_WRITTEN, "tcp_engine.h"),
+]
+
+
+@pytest.mark.parametrize(
+    "fault, text, header",
+    [
+        ("epoll_create:error=EMFILE", TOO_MANY_FILES, "epoll.h"),
+        ("epoll_create:error=ENOMEM", OUT_OF_MEMORY, "epoll.h"),
+        ("eventfd2:error=EMFILE", NO_WAKEUP, "tcp_replay.h"),
+        ("eventfd2:error=ENOMEM", NO_WAKEUP, "tcp_replay.h"),
+        # The wake-up's registration and interest, then the listener's.
+        ("epoll_ctl:error=ENOSPC:when=1", "No space left on device", "epoll.h"),
+        ("epoll_ctl:error=ENOMEM:when=2", OUT_OF_MEMORY, "epoll.h"),
+        ("epoll_ctl:error=EPERM:when=3", "Operation not permitted", "epoll.h"),
+        ("epoll_ctl:error=ENOENT:when=4", "No such file or directory", "epoll.h"),
+        ("socket:error=EMFILE", NO_ENDPOINT, "tcp_replay.h"),
+        ("socket:error=ENOBUFS", NO_ENDPOINT, "tcp_replay.h"),
+        ("fcntl:error=EINVAL", NOT_INHERITABLE, "tcp_engine.h"),
+        ("setsockopt:error=ENOMEM", NO_ENDPOINT, "tcp_replay.h"),
+        ("bind:error=EADDRINUSE", NO_ENDPOINT, "tcp_replay.h"),
+        ("bind:error=EACCES", NO_ENDPOINT, "tcp_replay.h"),
+        ("listen:error=EADDRINUSE", NO_ENDPOINT, "tcp_replay.h"),
+    ],
+)
+def test_a_tcp_run_that_cannot_be_set_up_is_fatal(faulty, path, port, fault, text, header):
+    sender = faulty([fault], "--filepath", path, "--port", str(port))
+    sender.expect(ABORTED, echo(path, f"{LOCALHOST}:{port}"), fatal(text, header))
+    assert sender.injected() == 1
+
+
+@pytest.mark.parametrize(
+    "fault, text, header",
+    [
+        ("epoll_create:error=ENFILE", "Too many open files in system", "epoll.h"),
+        ("socket:error=EMFILE", TOO_MANY_FILES, "tcp_replay.h"),
+        ("socket:error=ENOBUFS", "No buffer space available", "tcp_replay.h"),
+        ("socket:error=EACCES", "Permission denied", "tcp_replay.h"),
+        ("setsockopt:error=EPERM", "Operation not permitted", "tcp_replay.h"),
+        ("setsockopt:error=ENODEV", "No such device", "tcp_replay.h"),
+        ("epoll_ctl:error=ENOSPC:when=1", "No space left on device", "epoll.h"),
+        ("epoll_ctl:error=ENOMEM:when=2", OUT_OF_MEMORY, "epoll.h"),
+    ],
+)
+def test_a_udp_run_that_cannot_be_set_up_is_fatal(faulty, path, fault, text, header):
+    sender = faulty([fault], "--filepath", path, "--protocol", "udp", "--port", "9")
+    output = echo(path, f"{LOCALHOST}:9", protocol="udp")
+    sender.expect(ABORTED, output, fatal(text, header))
+    assert sender.injected() == 1
+
+
+@pytest.mark.parametrize("error", ["EAGAIN", "ENOMEM"])
+def test_a_thread_that_the_system_does_not_give_ends_the_program(faulty, path, error):
+    """The C library tells every such error as a lack of resources."""
+    faults = [f"clone3:error={error}", f"clone:error={error}"]
+    sender = faulty(faults, "--filepath", path, "--protocol", "udp", "--port", "9")
+    sender.expect(
+        ABORTED,
+        echo(path, f"{LOCALHOST}:9", protocol="udp"),
+        "terminate called after throwing an instance of 'std::system_error'\n"
+        "  what():  Resource temporarily unavailable\n",
+    )
+    assert sender.injected() == 1
+
+
+# --------------------------------------------------------- reading the sources
+
+
+@pytest.fixture
+def udp_run(faulty, receiver, udp_echo):
+    """udp_run(faults, path, *words, expected=) replays over UDP under faults that are
+    confined to that path, and expects these datagrams and a clean end."""
+
+    def run(faults, path, *words, expected=MESSAGES, output="", confined=True, **settings):
+        sender = faulty(
+            faults, "--filepath", path, "--port", str(receiver.port),
+            "--protocol", "udp", *words, path=path if confined else None,
+        )
+        assert_same(receiver.receive(len(expected)), expected)
+        sender.wait_for_output("device: ")
+        sender.wait_for_progress()
+        sender.stop()
+        assert receiver.is_quiet()
+        sender.expect(0, udp_echo(path, **settings) + output)
+        assert sender.injected() >= 1
+
+    return run
+
+
+@pytest.mark.parametrize("error, number", [("EACCES", 13), ("ELOOP", 40), ("ENOMEM", 12)])
+def test_a_path_that_cannot_be_examined_is_told_with_its_errno(
+    faulty, path, error, number
+):
+    sender = faulty(
+        [f"newfstatat:error={error}"],
+        "--filepath", path, "--protocol", "udp", "--port", "9", path=path,
+    )
+    sender.expect(
+        ABORTED,
+        echo(path, f"{LOCALHOST}:9", protocol="udp"),
+        uncaught(f"Cannot find file {path}. errno: {number}"),
+    )
+
+
+@pytest.mark.parametrize("error, number", [("EACCES", 13), ("EMFILE", 24), ("EINTR", 4)])
+def test_a_file_that_never_opens_is_told_after_five_tries(faulty, path, error, number):
+    """The pauses between the tries are interrupted, too, and taken up again."""
+    sender = faulty(
+        [f"openat:error={error}"],
+        "--filepath", path, "--protocol", "udp", "--port", "9", path=path,
+    )
+    sender.expect(
+        ABORTED,
+        echo(path, f"{LOCALHOST}:9", protocol="udp"),
+        uncaught(f"Failed opening file {path} for reading. errno: {number}"),
+    )
+    assert sender.injected() == 5
+
+
+def test_pauses_that_are_interrupted_are_taken_up_again(faulty, tmp_path, data_file):
+    """Of the two pauses behind an unreadable file's tries, one is cut short."""
+    directory = tmp_path / "files"
+    directory.mkdir()
+    (directory / "1").write_bytes(b"x")
+    (directory / "2").symlink_to(tmp_path / "missing")  # taken for what "1" is
+    sender = faulty(
+        ["clock_nanosleep:error=EINTR:when=1+2"],
+        "--filepath", directory, "--protocol", "udp", "--port", "9",
+    )
+    sender.expect(
+        ABORTED,
+        echo(directory, f"{LOCALHOST}:9", protocol="udp"),
+        uncaught(f"Failed opening file {directory}/2 for reading. errno: 2"),
+    )
+    assert sender.injected() == 5
+    assert sender.trace.read_text().count("clock_nanosleep") == 10
+
+
+def test_a_file_that_opens_at_the_third_try_arrives_whole(udp_run, path):
+    udp_run(["openat:error=EMFILE:when=1..2"], path)
+
+
+def test_reads_that_are_interrupted_are_taken_up_again(udp_run, path):
+    udp_run(["read:error=EINTR:when=1..3"], path)
+
+
+def test_a_read_error_ends_the_file_there(udp_run, path):
+    udp_run(["read:error=EIO:when=3+"], path, expected=MESSAGES[:2])
+
+
+def test_a_position_that_cannot_be_told_changes_nothing(udp_run, path):
+    udp_run(["lseek:error=ESPIPE"], path)
+
+
+@pytest.mark.parametrize("error", ["EINTR", "EIO"])
+def test_a_file_that_fails_to_close_changes_nothing(udp_run, path, error):
+    udp_run(
+        [f"close:error={error}"], path, "--loopback", "2",
+        expected=MESSAGES * 2, loopback=2,
+    )
+
+
+@pytest.mark.parametrize("fault", ["openat:error=EMFILE", "getdents64:error=EIO"])
+def test_a_directory_that_cannot_be_listed_is_named(faulty, tmp_path, fault):
+    directory = tmp_path / "files"
+    directory.mkdir()
+    (directory / "file").write_bytes(DATA)
+    sender = faulty(
+        [fault],
+        "--filepath", directory, "--protocol", "udp", "--port", "9",
+        path=f"{directory}/",
+    )
+    sender.expect(
+        ABORTED,
+        echo(directory, f"{LOCALHOST}:9", protocol="udp"),
+        uncaught(f"Dir {directory}/ no files"),
+    )
+
+
+def capture_words(path, port):
+    return (
+        "--filepath", path, "--port", str(port), "--protocol", "udp",
+        "--filetype", "1", "--filter", "udp",
+    )
+
+
+def capture_echo(path, port):
+    return echo(path, f"{LOCALHOST}:{port}", filetype=1, filter="udp", protocol="udp")
+
+
+def test_a_capture_that_cannot_be_opened_is_told_in_libpcaps_words(faulty, data_file):
+    path = data_file(pcap([udp(b"x")]), "a.pcap")
+    sender = faulty(["openat:error=EMFILE"], *capture_words(path, 9), path=path)
+    sender.expect(
+        ABORTED,
+        capture_echo(path, 9),
+        uncaught(f"Open pcap file failed! Error message: {path}: {TOO_MANY_FILES}"),
+    )
+
+
+@pytest.mark.parametrize("error", ["EIO", "EINTR"])
+def test_a_read_error_ends_a_capture_behind_its_last_whole_frame(
+    faulty, data_file, receiver, error
+):
+    frames = [udp(bytes([number]) * 1500) for number in range(6)]
+    path = data_file(pcap(frames), "a.pcap")
+    # The first block of 4096 bytes holds two frames and a part of the third.
+    expected = payloads(frames)[:2]
+    sender = faulty(
+        [f"read:error={error}:when=2+"], *capture_words(path, receiver.port), path=path
+    )
+    assert_same(receiver.receive(2), expected)
+    sender.wait_for_progress()
+    sender.stop()
+    assert receiver.is_quiet()
+    description = "link-type EN10MB Ethernet, snapshot lengthL: 262144"
+    sender.expect(
+        0,
+        capture_echo(path, receiver.port) + f"reading from file: {path}, {description}\n",
+    )
+    assert sender.injected() >= 1
+
+
+def test_a_udp_socket_that_cannot_be_unblocked_sends_all_the_same(udp_run, path):
+    udp_run(["fcntl:error=EPERM"], path, confined=False)
+
+
+@pytest.mark.parametrize("error", ["EIO", "ENOSPC", "EPIPE"])
+def test_output_that_cannot_be_written_does_not_hold_up_the_run(
+    faulty, path, receiver, error
+):
+    sender = faulty(
+        [f"write:error={error}"],
+        "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
+        "--debug", "1", path="stdout",
+    )
+    assert_same(receiver.receive(len(MESSAGES)), MESSAGES)
+    sender.wait_for_progress()
+    sender.signal(signal.SIGINT)
+    sender.expect(0)
+    assert receiver.is_quiet()
+    assert sender.injected() >= 1
+
+
+# ------------------------------------------------- events on the poller thread
+
+
+def expect_whole(sender, receiver, path, output=""):
+    assert receiver.read_exactly(len(DATA)) == DATA
+    assert sender.stop() == 0
+    assert receiver.read_to_end() == b""
+    sender.expect(0, echo(path, sender.address) + output)
+
+
+def test_waits_that_are_interrupted_lose_nothing(serve, attach, connect, path):
+    sender = serve(path)
+    tracer = attach(sender, "epoll_wait:error=EINTR:when=2+2")
+    expect_whole(sender, connect(sender), path)
+    assert tracer.injected() >= 2
+
+
+@pytest.mark.parametrize(
+    "error, text", [("EBADF", "Bad file descriptor"), ("EINVAL", "Invalid argument")]
+)
+def test_a_wait_that_fails_is_fatal(serve, attach, path, error, text):
+    sender = serve(path)
+    tracer = attach(sender, f"epoll_wait:error={error}:when=3")
+    sender.expect(ABORTED, echo(path, sender.address), fatal(text, "epoll.h"))
+    assert tracer.injected() == 1
+
+
+@pytest.mark.parametrize(
+    "error",
+    ["EAGAIN", "EINTR", "ECONNABORTED", "EPROTO", "ENOBUFS", "ENOMEM", "EMFILE", "ENFILE"],
+)
+def test_an_accept_that_may_fail_is_tried_again(serve, attach, connect, path, error):
+    sender = serve(path)
+    tracer = attach(sender, f"accept:error={error}:when=1..3")
+    expect_whole(sender, connect(sender), path)
+    assert tracer.injected() == 3
+
+
+@pytest.mark.parametrize(
+    "error, text",
+    [("EPERM", "Operation not permitted"), ("ENETDOWN", "Network is down")],
+)
+def test_any_other_error_of_accept_is_fatal(serve, attach, connect, path, error, text):
+    sender = serve(path)
+    tracer = attach(sender, f"accept:error={error}:when=1")
+    connect(sender)
+    sender.expect(ABORTED, echo(path, sender.address), fatal(text, "tcp_engine.h"))
+    assert tracer.injected() == 1
+
+
+@pytest.mark.parametrize(
+    "fault, text, header",
+    [
+        ("fcntl:error=EINVAL:when=1", NOT_INHERITABLE, "tcp_engine.h"),
+        ("epoll_ctl:error=ENOSPC:when=1", "No space left on device", "epoll.h"),
+        ("epoll_ctl:error=ENOMEM:when=2", OUT_OF_MEMORY, "epoll.h"),
+        *([] if SANITIZER else WAKEUP_WRITES),
+    ],
+)
+def test_a_receiver_that_cannot_be_taken_up_is_fatal(
+    serve, attach, connect, path, fault, text, header
+):
+    sender = serve(path)
+    tracer = attach(sender, fault)
+    connect(sender)
+    sender.expect(ABORTED, echo(path, sender.address), fatal(text, header))
+    assert tracer.injected() == 1
+
+
+@pytest.mark.parametrize(
+    "fault", ["setsockopt:error=ENOPROTOOPT:when=1", "fcntl:error=EPERM:when=3"]
+)
+def test_a_receiver_that_cannot_be_tuned_stays_connected_and_hears_nothing(
+    serve, attach, connect, path, fault
+):
+    sender = serve(path)
+    tracer = attach(sender, fault)
+    receiver = connect(sender)
+    sender.wait_until(tracer.injected, "the fault")
+    sender.wait_for_progress([sender.pid])
+    assert receiver.pending() == 0
+    assert sender.stop() == 0
+    assert receiver.read_to_end() == b""
+    sender.expect(0, echo(path, sender.address))
+
+
+@pytest.mark.parametrize("result", ["error=EAGAIN", "error=EINTR", "retval=4", "retval=0"])
+def test_a_wake_up_that_is_not_read_whole_is_read_again(
+    serve, attach, connect, path, result
+):
+    sender = serve(path)
+    tracer = attach(sender, f"read:{result}:when=1..3")
+    expect_whole(sender, connect(sender), path)
+    assert tracer.injected() == 3
+
+
+# ------------------------------------------------------------------- sending
+
+
+def slow(sent, left):
+    return (
+        f"Warning: unable to send all data, already send len: {sent}\n"
+        f"Using poll wait to send {left} bytes.\n"
+    )
+
+
+@pytest.mark.parametrize("fault", [None, "poll:error=EINTR", "poll:error=ENOMEM"])
+def test_a_short_send_is_finished_on_the_slow_path(serve, attach, connect, path, fault):
+    """The 100 bytes that the system says it took are the ones that do not arrive.
+    What poll says does not count."""
+    sender = serve(path)
+    faults = ["sendto:retval=100:when=2"] + ([fault] if fault else [])
+    tracer = attach(sender, *faults)
+    receiver = connect(sender)
+    expected = DATA[:10240] + DATA[10340:]
+    assert receiver.read_exactly(len(expected)) == expected
+    assert sender.stop() == 0
+    assert receiver.read_to_end() == b""
+    sender.expect(0, echo(path, sender.address) + slow(100, 10140))
+    assert tracer.injected() == len(faults)
+
+
+@pytest.mark.parametrize("error", ["EAGAIN", "EINTR"])
+def test_a_first_send_without_room_is_delivered_and_ends_the_sending(
+    serve, attach, connect, path, error
+):
+    sender = serve(path)
+    tracer = attach(sender, f"sendto:error={error}:when=2")
+    receiver = connect(sender)
+    sender.wait_for_output("Socket error\n")
+    sender.wait_for_progress([sender.pid])
+    assert sender.stop() == 0
+    assert receiver.read_to_end() == DATA[:20480]
+    sender.expect(0, echo(path, sender.address) + slow(0, 10240) + "Socket error\n")
+    assert tracer.injected() == 1
+
+
+def test_retries_without_room_go_on_until_the_message_has_left(
+    serve, attach, connect, path
+):
+    """The first send and two retries are refused for the moment."""
+    sender = serve(path)
+    tracer = attach(sender, "sendto:error=EAGAIN:when=2..4")
+    receiver = connect(sender)
+    sender.wait_for_output("Socket error\n")
+    assert sender.stop() == 0
+    assert receiver.read_to_end() == DATA[:20480]
+    lines = "Using poll wait to send 10240 bytes.\n"
+    sender.expect(
+        0, echo(path, sender.address) + slow(0, 10240) + lines * 2 + "Socket error\n"
+    )
+    assert tracer.injected() == 3
+
+
+@pytest.mark.parametrize("error", ["ENOBUFS", "ENOMEM", "EPIPE", "ECONNRESET", "EPERM"])
+def test_any_other_error_of_send_is_a_socket_error(serve, attach, connect, path, error):
+    sender = serve(path)
+    tracer = attach(sender, f"sendto:error={error}:when=2")
+    receiver = connect(sender)
+    sender.wait_for_output("Socket error\n")
+    sender.wait_for_progress([sender.pid])
+    assert sender.stop() == 0
+    assert receiver.read_to_end() == DATA[:10240]
+    sender.expect(0, echo(path, sender.address) + "Socket error\n")
+    assert tracer.injected() == 1
+
+
+@pytest.mark.parametrize(
+    "error, output",
+    [
+        ("ENOBUFS", "socket error\n"),
+        ("EPERM", "socket error\n"),
+        ("ENETUNREACH", "socket error\n"),
+        ("EMSGSIZE", "socket error\n"),
+        ("EAGAIN", slow(0, 10240) + "socket error\n"),
+        ("EINTR", slow(0, 10240) + "socket error\n"),
+    ],
+)
+def test_an_error_of_a_datagram_ends_the_sending(
+    faulty, path, receiver, udp_echo, error, output
+):
+    """The second datagram is lost; without a destination a retry cannot save it."""
+    sender = faulty(
+        [f"sendto:error={error}:when=2"],
+        "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
+    )
+    assert receiver.receive(1) == MESSAGES[:1]
+    sender.wait_for_output("socket error\n")
+    sender.wait_for_progress([sender.pid])
+    sender.stop()
+    assert receiver.is_quiet()
+    sender.expect(0, udp_echo(path) + output)
+    assert sender.injected() == 1
+
+
+def test_an_interest_that_cannot_be_taken_back_is_fatal(serve, attach, connect, path):
+    """Behind a socket error: the connection's third registration call."""
+    sender = serve(path)
+    tracer = attach(sender, "sendto:error=EPIPE:when=2", "epoll_ctl:error=ENOENT:when=4")
+    connect(sender)
+    sender.expect(
+        ABORTED,
+        echo(path, sender.address) + "Socket error\n",
+        fatal("No such file or directory", "epoll.h"),
+    )
+    assert tracer.injected() == 2
+
+
+@pytest.mark.parametrize("error", ["EINTR", "EIO"])
+def test_closes_that_fail_at_the_end_change_nothing(serve, attach, connect, path, error):
+    """The wake-up, the listener, the connection and the poller."""
+    sender = serve(path)
+    receiver = connect(sender)
+    assert receiver.read_exactly(len(DATA)) == DATA
+    sender.wait_until_replaying()
+    tracer = attach(sender, f"close:error={error}", main=True)
+    sender.signal(signal.SIGINT)
+    sender.expect(0, echo(path, sender.address))
+    assert receiver.read_to_end() == b""
+    tracer.wait()
+    # A sanitizer closes some of its own.
+    assert tracer.injected() >= 4 if SANITIZER else tracer.injected() == 4
+
+
+def test_a_registration_that_cannot_be_removed_at_the_end_is_fatal(faulty, path, port):
+    """The main thread's fifth registration call: the wake-up's removal."""
+    sender = faulty(
+        ["epoll_ctl:error=ENOENT:when=5"],
+        "--filepath", path, "--port", str(port), port=port,
+    )
+    sender.wait_until_listening()
+    sender.wait_until_replaying()
+    sender.signal(signal.SIGTERM)
+    sender.expect(
+        ABORTED,
+        echo(path, sender.address),
+        fatal("No such file or directory", "epoll.h"),
+    )
+    assert sender.injected() == 1
