@@ -317,7 +317,7 @@ void take_raw_values(options& to, const raw_values& raw, const CLI::App& app)
     to.port = static_cast<uint16_t>(raw.port);
     to.source.captures = raw.filetype == 1;
     to.source.passes = static_cast<uint32_t>(raw.passes); // negative ones wrap
-    to.source.preload = raw.preload == 1;
+    to.source.preload = static_cast<int32_t>(raw.preload) == 1; // cut as the sender does
     if (!(raw.mbps >= 0) || raw.mbps > 1e12)
         throw usage_end(true, "--mbps: a rate in megabits per second, 0 for none");
     to.wanted_bps = bits_per_second(raw.mbps);

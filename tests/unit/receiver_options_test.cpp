@@ -218,8 +218,10 @@ TEST(ReceiverOptions, AnyOtherProtocolIsUdpWithARemarkThatNamesIt)
 
 TEST(ReceiverOptions, OnlyOnePreloads)
 {
-    EXPECT_TRUE(parse({"--preload", "1"}).source.preload);
-    for (const char* value : {"0", "2", "-1", "4294967297"})
+    // The sender cuts the number to 32 bits.
+    for (const char* value : {"1", "4294967297", "-4294967295"})
+        EXPECT_TRUE(parse({"--preload", value}).source.preload) << value;
+    for (const char* value : {"0", "2", "-1", "4294967296"})
         EXPECT_FALSE(parse({"--preload", value}).source.preload) << value;
 }
 
