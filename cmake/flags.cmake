@@ -25,6 +25,15 @@ if(REPLAY_SANITIZE)
   target_link_options(replay_sanitizers INTERFACE ${sanitizer_flags})
 endif()
 
+# Counters of what runs. Two threads count at once, hence the atomic update.
+add_library(replay_coverage INTERFACE)
+if(REPLAY_COVERAGE)
+  target_compile_options(replay_coverage INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(replay_coverage INTERFACE --coverage)
+  target_sources(replay_coverage INTERFACE
+    ${PROJECT_SOURCE_DIR}/tests/support/coverage_dump.cpp)
+endif()
+
 add_library(replay_hardening INTERFACE)
 target_compile_definitions(replay_hardening INTERFACE _GLIBCXX_ASSERTIONS)
 
