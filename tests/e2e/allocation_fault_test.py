@@ -143,7 +143,9 @@ class Run:
 
     def _connect(self):
         if not self.udp and not self.tcp and is_listening(self.port):
-            self.tcp = Receiver(self.port)
+            # The sender may end between that look and this call.
+            with contextlib.suppress(ConnectionRefusedError):
+                self.tcp = Receiver(self.port)
 
     def _take(self):
         if self.udp:
