@@ -60,7 +60,7 @@ def has_test(text, name):
     if dot:
         pattern = rf"\bTEST(_F|_P)?\(\s*{suite},\s*{test}\s*\)"
     else:
-        pattern = rf"^def {name}\("
+        pattern = rf"^ *def {name}\("
     return re.search(pattern, text, re.MULTILINE) is not None
 
 
