@@ -5,7 +5,7 @@ import shlex
 from .benchmarks import BENCHMARKS, all_targets
 from .comparison import compare
 from .folders import in_tree
-from .machine import commit, date, machine, machine_section
+from .machine import machine_section
 from .ranks import TIES, ranks_text
 from .samples import remark
 from .tables import runs_text, table
@@ -52,12 +52,18 @@ def targets_section(folder):
             for benchmark, one in found
         ],
     )
-    missed = [target for _, target in found if target.met is False]
+    return lines + reasons([target for _, target in found])
+
+
+def reasons(found):
+    """What bounds each of the targets that were missed."""
+    missed = [target for target in found if target.met is False]
+    lines = []
     for target in missed:
         lines += bullet(
             f"**{target.what}**: {target.measured}; the target is {target.limit}. {reason(target)}"
         )
-    return [*lines, ""] if missed else lines
+    return [*lines, ""] if missed else []
 
 
 def counts(found):
@@ -112,4 +118,29 @@ def plot_lines(name, title, folder, output):
 
 def again_section(folder, again):
     text = "Where they differ, one run has two subjects in one order and the other reverses it."
-    return ["## A second run", "", *paragraph(TIES, text), *compare(folder, again).lines]
+    lines = ["## A second run", "", *verdicts_section(folder, again)]
+    return [*lines, *paragraph(TIES, text), *compare(folder, again).lines]
+
+
+def verdicts_section(folder, again):
+    """The targets that one of the runs meets and the other does not."""
+    first, second = ({one.key: one for _, one in all_targets(run)} for run in (folder, again))
+    met = [sum(one.met is True for one in run.values()) for run in (first, second)]
+    changed = [key for key in first if first[key].met is not second[key].met]
+    lines = paragraph(
+        f"The first run meets {met[0]} of {plural(len(first), 'target')}, the second"
+        f" {met[1]}.{' These verdicts differ:' if changed else ''}"
+    )
+    if changed:
+        lines += table(
+            ["What", "Target", "First run", "Second run"],
+            [
+                [first[key].what, first[key].limit, *map(seen, (first[key], second[key]))]
+                for key in changed
+            ],
+        )
+    return lines + reasons([second[key] for key in changed])
+
+
+def seen(target):
+    return f"{target.measured}: {VERDICTS[target.met]}"

@@ -63,6 +63,11 @@ REASONS = {
         " processor while it waits; {peer} has {limit} µs, the plain busy loop {busy} µs."
     ),
     # "memory growth ...", "memory size ...", "memory slope ...", with the curve's name
+    "memory growth resident memory, streamed": (
+        "The largest is a full queue, the same in every run. A queue that runs empty, as when the"
+        " reading thread waits for its processor, gives its memory back: one look in twenty or"
+        " fewer fell into such a moment."
+    ),
     "memory *": "",
 }
 

@@ -2,6 +2,7 @@
 
 from made_up import (  # noqa: F401: folder and other are fixtures
     document,
+    poller,
     queue,
     run,
     write_machine,
@@ -67,3 +68,25 @@ def test_the_document_compares_with_a_second_run(folder, other):
     text = document(folder, other)
     assert "## A second run\n" in text
     assert "| 1 spsc_queue; 2 boost | 1 boost; 2 spsc_queue | differ: boost and" in text
+
+
+def test_a_target_that_one_run_misses_is_shown_with_both_figures_and_what_bounds_it(folder, other):
+    poller(folder, streamed=(1000, 1000, 1000))
+    poller(other, streamed=(1000, 1200, 1300))
+    section = document(folder, other).partition("## A second run\n")[2]
+    assert "The first run meets 1 of 52 targets, the second 0. These verdicts differ:" in section
+    what = "Poller thread against the bare loop, UDP 64 bytes, streamed"
+    assert (
+        f"| {what} | at most 1.08 times | 1.000 (1.000 to 1.000) times, 3 runs: met"
+        " | 1.200 (1.000 to 1.300) times, 3 runs: missed |\n"
+    ) in section
+    assert f"- **{what}**: 1.200 (1.000 to 1.300) times" in section
+
+
+def test_runs_that_meet_the_same_targets_have_no_table_of_them(folder, other):
+    for each in folder, other:
+        poller(each, streamed=(1000, 1000, 1000))
+    section = document(folder, other).partition("## A second run\n")[2]
+    assert section.startswith(
+        "\nThe first run meets 1 of 52 targets, the second 1.\n\nA subject's rank"
+    )
