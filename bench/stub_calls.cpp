@@ -320,8 +320,8 @@ int epoll_wait(int epoll, epoll_event* events, int most, int timeout)
 
 ssize_t send(int fd, const void* data, size_t length, int flags)
 {
-    const ssize_t sent = settings.pass ? real_send(fd, data, length, flags)
-                                       : static_cast<ssize_t>(length);
+    const ssize_t sent =
+        settings.pass ? real_send(fd, data, length, flags) : static_cast<ssize_t>(length);
     return count_message(sent, length);
 }
 

@@ -6,8 +6,11 @@
 #include <filesystem>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
+
+#include "result.h"
 
 namespace receiver {
 

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "result.h"
+
 namespace receiver {
 
 namespace {

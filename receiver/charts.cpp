@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <initializer_list>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -124,14 +127,13 @@ private:
 
 // Round values from 0 to the first one at or above `greatest`.
 struct scale {
-    double step{1};
-    double top{1};
+    double step;
+    double top;
 
     scale(double greatest, int steps)
-    {
-        step = nice_step(std::max(greatest, 1e-9) / steps);
-        top = std::ceil(greatest / step * (1 - 1e-9)) * step;
-    }
+        : step(nice_step(std::max(greatest, 1e-9) / steps)),
+          top(std::ceil(greatest / step * (1 - 1e-9)) * step)
+    {}
 
     template <typename Label>
     std::vector<tick> ticks(const Label& label) const
@@ -341,20 +343,28 @@ log_axis axis_of(const std::vector<bar>& bars)
     return {least, std::max(high * widen, widen > 1 ? least * 10 : 0), start};
 }
 
+// The multiples of `step` from `low` to `high`.
+std::vector<double> multiples(double step, double low, double high)
+{
+    const double first = std::ceil(low / step);
+    std::vector<double> values;
+    for (int i = 0; (first + i) * step <= high; ++i)
+        values.push_back((first + i) * step);
+    return values;
+}
+
 // Powers of ten where there are enough of them, 1-2-5 or equal steps where not.
 std::vector<double> log_values(const log_axis& axis)
 {
     const double decades = std::log10(axis.high / axis.low);
+    if (decades < 0.9)
+        return multiples(
+            std::max(1.0, nice_step((axis.high - axis.low) / 6)), axis.low, axis.high);
     std::vector<double> values;
-    if (decades < 0.9) {
-        const double step = std::max(1.0, nice_step((axis.high - axis.low) / 6));
-        for (double next = std::ceil(axis.low / step) * step; next <= axis.high;
-             next += step)
-            values.push_back(next);
-        return values;
-    }
-    for (double power = std::pow(10, std::floor(std::log10(axis.low)));
-         power <= axis.high; power *= 10) {
+    const auto last = static_cast<int>(std::floor(std::log10(axis.high)));
+    for (auto exponent = static_cast<int>(std::floor(std::log10(axis.low)));
+         exponent <= last; ++exponent) {
+        const double power = std::pow(10, exponent);
         for (const double factor : {1, 2, 5}) {
             const double next = power * factor;
             const bool fits = next >= axis.low && next <= axis.high;
@@ -476,7 +486,7 @@ std::string size_drawing(const distribution& sizes, const frame& area)
     chart.path("bars", shapes);
     const double step = std::max(1.0, nice_step(range / (area.narrow() ? 5 : 10)));
     std::vector<tick> ticks;
-    for (double at = std::ceil(low / step) * step; at <= low + range; at += step)
+    for (const double at : multiples(step, low, low + range))
         ticks.push_back({(at - low) / range, grouped(whole(at))});
     chart.horizontal_axis(ticks, "bytes");
     return chart.finished();

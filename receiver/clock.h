@@ -2,8 +2,7 @@
 #pragma once
 
 #include <cstdint>
-
-#include <time.h>
+#include <ctime>
 
 namespace receiver {
 

@@ -1,7 +1,9 @@
 // Times are exact decimals of the nanoseconds; rates are rounded to bits per second.
 #include "csv.h"
 
+#include <cstdint>
 #include <iterator>
+#include <vector>
 
 #include <fmt/format.h>
 

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "common.h"
+#include "result.h"
 
 namespace receiver {
 
@@ -78,7 +79,7 @@ source_notes empty_source::notes() const
     source_notes notes;
     notes.files = list_.files.size();
     notes.omitted.entries = list_.entries;
-    notes.sentences.push_back(
+    notes.sentences.emplace_back(
         "a folder of several files is not preloaded: with --preload 1 nothing of it is sent");
     return notes;
 }

@@ -51,8 +51,7 @@ public:
     {
         for (fault& run : runs_) {
             if (run.length != 0)
-                keep(std::move(run));
-            run.length = 0;
+                keep(std::exchange(run, no_run()));
         }
         sort_kept();
         result.counts = counts_;

@@ -6,10 +6,12 @@
 #include <bit>
 #include <chrono>
 #include <cmath>
+#include <ctime>
+#include <initializer_list>
+#include <utility>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 namespace receiver {
 

@@ -2,7 +2,11 @@
 #include "gap.h"
 
 #include <algorithm>
+#include <span>
 #include <utility>
+
+#include "result.h"
+#include "source.h"
 
 namespace receiver {
 
@@ -182,7 +186,7 @@ bool is_covered(const std::vector<datagram>& strangers, const gap& missing)
     return static_cast<size_t>(sure) == missing.size();
 }
 
-size_t report_gap(gap& missing, std::vector<datagram>& strangers, fault_log& log)
+size_t report_gap(const gap& missing, std::vector<datagram>& strangers, fault_log& log)
 {
     const auto pairs = pair_strangers(strangers, missing);
     std::vector<bool> arrived(missing.size());

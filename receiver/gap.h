@@ -9,7 +9,6 @@
 
 #include "datagram_key.h"
 #include "fault_log.h"
-#include "source.h"
 
 namespace receiver {
 
@@ -50,7 +49,7 @@ bool is_covered(const std::vector<datagram>& strangers, const gap& missing);
 // Tells what a gap has come to, altered and truncated messages and lost ones, and
 // takes the strangers that were its messages out of the list. Returns how many are
 // lost.
-size_t report_gap(gap& missing, std::vector<datagram>& strangers, fault_log& log);
+size_t report_gap(const gap& missing, std::vector<datagram>& strangers, fault_log& log);
 
 // A datagram that belongs nowhere.
 void report_stranger(const datagram& stranger, fault_log& log);

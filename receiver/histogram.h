@@ -6,7 +6,6 @@
 #include <boost/histogram/storage_adaptor.hpp>
 #include <cstdint>
 #include <tuple>
-#include <vector>
 
 #include "log_linear_axis.h"
 #include "result.h"

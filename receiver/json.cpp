@@ -2,8 +2,12 @@
 // the version.
 #include "json.h"
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "format.h"
 

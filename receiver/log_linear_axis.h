@@ -12,7 +12,7 @@ class log_linear_axis {
 public:
     int index(uint64_t value) const
     {
-        if (value < 2 * STEPS)
+        if (value < uint64_t{2} * STEPS)
             return static_cast<int>(value);
         const int shift = static_cast<int>(std::bit_width(value)) - STEP_BITS - 1;
         return shift * STEPS + static_cast<int>(value >> static_cast<unsigned>(shift));

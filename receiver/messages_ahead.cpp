@@ -1,10 +1,14 @@
 // See messages_ahead.h.
 #include "messages_ahead.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace receiver {
 
 messages_ahead::messages_ahead(message_source& source) : source_(source)
 {
+    // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): read() uses later ones
     has_direct_ = read(direct_);
 }
 

@@ -2,15 +2,20 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <string>
 #include <utility>
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "common.h"
 
@@ -316,7 +321,7 @@ void take_raw_values(options& to, const raw_values& raw, const CLI::App& app)
 {
     to.port = static_cast<uint16_t>(raw.port);
     to.source.captures = raw.filetype == 1;
-    to.source.passes = static_cast<uint32_t>(raw.passes); // negative ones wrap
+    to.source.passes = static_cast<uint32_t>(raw.passes);       // negative ones wrap
     to.source.preload = static_cast<int32_t>(raw.preload) == 1; // cut as the sender does
     if (!(raw.mbps >= 0) || raw.mbps > 1e12)
         throw usage_end(true, "--mbps: a rate in megabits per second, 0 for none");

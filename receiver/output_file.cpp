@@ -33,6 +33,7 @@ output_file::output_file(const std::string& path) : path_(path)
         errno = error;
         cannot_write(path_);
     }
+    // cppcheck-suppress resourceLeak ; file_ has it now, and cannot_write() throws
 }
 
 output_file::~output_file()

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <initializer_list>
 #include <system_error>
 #include <vector>
 

@@ -2,6 +2,8 @@
 #include "plan.h"
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "digest.h"
 #include "histogram.h"

@@ -1,7 +1,9 @@
 // The dry run: what the sender would send, without a socket.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "options.h"
 #include "result.h"

@@ -1,7 +1,10 @@
 // The program: reads the command line, receives or plans, and shows the result.
+#include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +31,7 @@ namespace {
 
 using namespace receiver;
 
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): for the handler
 volatile std::sig_atomic_t stop_requested = 0;
 
 // The first signal ends the run, which then reports; the next one, of either kind,

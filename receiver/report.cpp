@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <span>

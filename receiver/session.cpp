@@ -2,8 +2,12 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <ctime>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <poll.h>
 
@@ -12,9 +16,11 @@
 #include "run_end.h"
 #include "tcp_input.h"
 #include "tcp_transport.h"
+#include "transport.h"
 #include "udp_input.h"
 #include "udp_transport.h"
 #include "verdict.h"
+#include "writer.h"
 
 namespace receiver {
 

@@ -6,6 +6,7 @@
 #include "options.h"
 #include "progress.h"
 #include "result.h"
+#include "source.h"
 
 namespace receiver {
 

@@ -30,7 +30,7 @@ namespace receiver {
 // A fault counts from the first byte that differs. One thread.
 class stream_verifier {
 public:
-    enum : size_t { KEPT_HISTORY = 128 * 1024 };
+    enum : size_t { KEPT_HISTORY = size_t{128} * 1024 };
 
     // The source must outlive the verifier.
     explicit stream_verifier(message_source& source);
@@ -68,7 +68,7 @@ public:
 private:
     enum : size_t {
         ANCHOR = 32, // equal bytes that show that both sides are in step
-        LOOK_AHEAD = 1024 * 1024,
+        LOOK_AHEAD = size_t{1024} * 1024,
         SHORT = 4096, // most faults end within so many bytes
         LOST_BLOCKS = 64,
         EXCERPT = 16

@@ -5,6 +5,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -56,7 +61,8 @@ std::string block_bar(double share, size_t columns)
 {
     static constexpr std::array<std::string_view, 8> PARTS = {"",  "▏", "▎", "▍",
                                                               "▌", "▋", "▊", "▉"};
-    auto eighths = static_cast<size_t>(share * static_cast<double>(columns * 8) + 0.5);
+    auto eighths =
+        static_cast<size_t>(std::lround(share * static_cast<double>(columns * 8)));
     if (share > 0 && eighths == 0)
         eighths = 1;
     std::string text;
@@ -373,7 +379,7 @@ struct remark {
     uint64_t count;
     std::string_view one;
     std::string_view words;
-    std::string_view many = "";
+    std::string_view many{};
 };
 
 void remarks(page& out, std::string_view& label, const std::vector<remark>& all)
@@ -399,6 +405,7 @@ void omissions(page& out, const left_out& omitted)
          {omitted.refused_files, "capture", "that cannot take the filter"},
          {omitted.entries, "entry", "of the folder that the sender does not read",
           "entries"}});
+    // cppcheck-suppress knownConditionTrueFalse ; remarks() empties it once it is shown
     if (!label.empty())
         out.row(label, "nothing");
 }

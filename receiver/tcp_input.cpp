@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -18,8 +19,8 @@ namespace receiver {
 namespace {
 
 constexpr size_t KEPT = stream_verifier::KEPT_HISTORY;
-constexpr size_t BUFFER = 1024 * 1024;
-constexpr size_t LEAST_ROOM = 256 * 1024;
+constexpr size_t BUFFER = size_t{1024} * 1024;
+constexpr size_t LEAST_ROOM = size_t{256} * 1024;
 constexpr std::chrono::milliseconds RETRY_PAUSE{10};
 constexpr std::chrono::milliseconds LONGEST_WAIT{100};
 

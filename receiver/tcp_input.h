@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <netinet/in.h>
+
 #include "socket.h"
 #include "source.h"
 

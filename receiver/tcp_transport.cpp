@@ -1,9 +1,14 @@
 // See tcp_transport.h.
 #include "tcp_transport.h"
 
+#include <ctime>
+#include <span>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "clock.h"
+#include "socket.h"
 
 namespace receiver {
 

@@ -4,6 +4,10 @@
 #include <cstdint>
 #include <optional>
 
+#include "measure.h"
+#include "result.h"
+#include "run_end.h"
+#include "source.h"
 #include "stream_verifier.h"
 #include "tcp_input.h"
 #include "transport.h"

@@ -43,7 +43,7 @@ uint64_t to_ns(const timespec& time)
 template <class value_t>
 value_t read_value(const cmsghdr* control)
 {
-    value_t value;
+    value_t value{};
     std::memcpy(&value, CMSG_DATA(control), sizeof(value));
     return value;
 }

@@ -1,7 +1,10 @@
 // See udp_transport.h.
 #include "udp_transport.h"
 
+#include <algorithm>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace receiver {
 

@@ -1,10 +1,17 @@
 // A run over UDP: each datagram is a message.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
+#include <netinet/in.h>
+
 #include "datagram_verifier.h"
+#include "measure.h"
+#include "result.h"
+#include "run_end.h"
+#include "source.h"
 #include "transport.h"
 #include "udp_input.h"
 #include "writer.h"

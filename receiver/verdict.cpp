@@ -1,7 +1,10 @@
 // See verdict.h.
 #include "verdict.h"
 
+#include <array>
 #include <cmath>
+#include <cstdint>
+#include <optional>
 
 namespace receiver {
 

@@ -3,6 +3,11 @@
 // a terminal.
 #include "wording.h"
 
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <vector>
+
 #include <fmt/format.h>
 
 #include "format.h"

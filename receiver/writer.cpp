@@ -2,12 +2,14 @@
 #include "writer.h"
 
 #include <cstdio>
+#include <span>
 #include <utility>
 
 #include <fmt/format.h>
 #include <net/ethernet.h>
 #include <netinet/ip.h>
 #include <netinet/udp.h>
+#include <sys/time.h>
 
 #include "common.h"
 

@@ -1,12 +1,14 @@
 // Keeps what arrives: bytes as a data file, datagrams as a capture.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <netinet/in.h>
 #include <pcap/pcap.h>
 
 #include "output_file.h"

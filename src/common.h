@@ -79,8 +79,9 @@ enum : int { retired_fd = -1 };
 
 // One message: `length` valid bytes at the start of `buf`, zeros behind them.
 struct dataBuffer {
-    size_t length;
-    char buf[MAX_BUFFER_SIZE];
+    // Set by the constructor: defaulted, it would let make_shared clear the buffer twice.
+    size_t length;             // NOLINT(modernize-use-default-member-init): as said
+    char buf[MAX_BUFFER_SIZE]; // NOLINT(modernize-use-default-member-init): as said
 
     dataBuffer() : length(0), buf{} {}
 };
@@ -136,23 +137,26 @@ constexpr const char* base_name(const char* path)
 
 [[noreturn]] inline void fail_assertion(const char* condition, const char* file, int line)
 {
-    std::fprintf(
+    // Here and below: who cannot write has nobody left to tell.
+    (void)std::fprintf(
         stderr, "Assertion failed: %s (%s:%d)\n", condition, base_name(file), line);
-    std::fflush(stderr);
+    (void)std::fflush(stderr);
     std::abort();
 }
 
 [[noreturn]] inline void fail_errno(const char* file, int line)
 {
-    std::fprintf(stderr, "%s (%s:%d)\n", std::strerror(errno), base_name(file), line);
-    std::fflush(stderr);
+    (void)std::fprintf(
+        stderr, "%s (%s:%d)\n", std::strerror(errno), base_name(file), line);
+    (void)std::fflush(stderr);
     std::abort();
 }
 
 [[noreturn]] inline void fail_allocation(const char* file, int line)
 {
-    std::fprintf(stderr, "FATAL ERROR: OUT OF MEMORY (%s:%d)\n", base_name(file), line);
-    std::fflush(stderr);
+    (void)std::fprintf(
+        stderr, "FATAL ERROR: OUT OF MEMORY (%s:%d)\n", base_name(file), line);
+    (void)std::fflush(stderr);
     std::abort();
 }
 
@@ -234,7 +238,7 @@ inline void binary_output(char* buffer, size_t length)
 // False, with `type` untouched and errno set, when the path cannot be examined.
 inline bool path_exists(const filename_t& filename, FileType& type)
 {
-    struct stat status;
+    struct stat status {};
     if (::stat(filename.c_str(), &status) != 0)
         return false;
 
@@ -520,6 +524,7 @@ public:
             return true;
         }
 
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): libpcap fills it in
         pcap_pkthdr hdr;
         const u_char* frame = safe_pcap_next(pd_, &hdr);
         if (frame == nullptr)
@@ -553,6 +558,7 @@ public:
             vesk_throw_ex("safe_pcap_next ERROR: Invalid packet length.");
         if (hdr->len < hdr->caplen)
             hdr->caplen = hdr->len;
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): for its callers' sake
         return const_cast<u_char*>(pkt);
     }
 

@@ -57,6 +57,7 @@ public:
     // the registration or the worker.
     handle_t add_fd(fd_t fd, i_poll_events* events)
     {
+        // cppcheck-suppress [legacyUninitvar,unreadVariable] ; misreads the braces
         auto* entry = new (std::nothrow) entry_node{};
         replay_alloc_assert(entry);
         entry->fd = fd;
@@ -142,6 +143,7 @@ private:
     static void skip_cancellation()
     {
         (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        // NOLINTNEXTLINE(concurrency-thread-canceltype-asynchronous): nobody cancels
         (void)::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
     }
 

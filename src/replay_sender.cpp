@@ -36,6 +36,7 @@ struct settings {
 // Negative rates wrap; what is no number or does not fit 64 bits gives 0.
 uint64_t parse_mbps(const char* text)
 {
+    // NOLINTNEXTLINE(cert-err34-c): what is no number is 0, and no mistake
     const double mbps = std::atof(text);
     if (!(std::fabs(mbps) <= double{FLT_MAX}))
         return 0;
@@ -112,6 +113,7 @@ bool is_valid(const settings& s)
            (s.in_type == 0 || !s.filter.empty());
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): runs once, and is stated so
 void outputHelpInfo(std::string progName)
 {
     std::cout << std::endl;
@@ -158,6 +160,7 @@ std::string program_name(int argc, char** argv)
 } // namespace
 
 // Always 0: an exception or a fatal check ends the process before.
+// NOLINTNEXTLINE(bugprone-exception-escape): the runtime's report is the user's
 int main(int argc, char** argv)
 {
     const std::string progName = program_name(argc, argv);

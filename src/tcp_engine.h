@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -25,11 +26,13 @@
 
 #include "common.h"
 #include "epoll.h"
+#include "ip_resover.h"
 #include "spsc_queue.h"
 #include "tcp_address.h"
 #include "udp_address.h"
 
 // Non-zero: dump every message sent. Written before any thread starts.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the process's
 inline uint32_t g_debug_mode = 0;
 
 namespace vesk {
@@ -56,6 +59,7 @@ struct replay_stats {
 // The poller thread's. set_speed() clears top_speed on the main thread, and the
 // hand-over of the first message orders that: nothing here is looked at before a
 // message has been taken from the queue.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the process's
 inline replay_stats stats;
 
 namespace details {
@@ -165,6 +169,7 @@ public:
 
     // Finishes a message of which `already_sent` bytes have left, waiting for
     // room without a time-out. 0, or -1 on a socket error.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): holds the message
     int32_t wait_to_send(fd_t fd, data_t msg, ssize_t already_sent)
     {
         pollfd room{fd, POLLOUT, 0};
@@ -645,6 +650,7 @@ protected:
     // Neither bound nor connected: the kernel picks the source port.
     int32_t prepare_to_send()
     {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): only ever read
         out_address_ = const_cast<ip_addr_t*>(address_.target_addr())->as_sockaddr();
         out_address_len_ = address_.target_addr()->sockaddr_len();
 

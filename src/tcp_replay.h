@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <ios>
 #include <memory>
 #include <new>
 #include <string>
@@ -25,6 +26,7 @@ namespace vesk {
 
 // The process's stop request. Cleared by the signal handler, on any thread; set
 // and polled by the main thread.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the process's
 inline volatile bool keep_running_ = true;
 
 namespace details {
@@ -317,6 +319,7 @@ protected:
     // Reads a block into `msg`: a fresh buffer, unless an empty read left one.
     void read_message(data_t& msg)
     {
+        // cppcheck-suppress accessMoved ; one that has been sent is null, and replaced
         if (msg == nullptr)
             msg = std::make_shared<dataBuffer>();
         size_t length = MAX_BUFFER_SIZE;
@@ -440,7 +443,7 @@ protected:
     details::pcap_helper pcap_helper_;
     details::FileType type_{details::FileType::UNKNOWN};
     filename_list filename_v_; // in replay order
-    uint32_t loopback_{1};     // passes still to run
+    uint32_t loopback_{1};     // passes still to run; both constructors set it
     bool preload_{false};
     std::vector<data_t> msg_v_; // in capture order
 };
