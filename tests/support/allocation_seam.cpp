@@ -84,7 +84,8 @@ struct child_report {
 [[noreturn]] void be_child(
     const std::function<void()>& action, child_report& report, int errors)
 {
-    ::alarm(60); // a run that never ends is an end as well
+    std::signal(SIGALRM, SIG_DFL);
+    ::alarm(240); // a run that never ends is an end as well
     ::dup2(errors, STDERR_FILENO);
     ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
     plan_.failed = false;
@@ -133,6 +134,8 @@ process_end run_apart(const std::function<void()>& action)
     std::cout.flush();
     std::fflush(nullptr); // or the child would write it a second time
     const pid_t child = ::fork();
+    if (child == -1)
+        std::abort(); // nothing has been done that could have ended well
     if (child == 0)
         be_child(action, *report, errors);
 
@@ -159,7 +162,8 @@ std::vector<process_end> ends_of_each_failing_allocation(
     do {
         const uint64_t nth = ends.size() + 1;
         ends.push_back(run_apart([&] { action(nth); }));
-    } while (ends.back().failed && ends.size() < MOST);
+        // One that had to be ended is enough: the others might take as long.
+    } while (ends.back().failed && ends.back().signal != SIGALRM && ends.size() < MOST);
     return ends;
 }
 

@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <pcap/pcap.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -65,6 +66,9 @@
        int (*compare)(const dirent**, const dirent**)),                                  \
       (path, entries, select, compare))                                                  \
     X(fopen, FILE*, (const char* path, const char* mode), (path, mode))                  \
+    X(fclose, int, (FILE * file), (file))                                                \
+    X(lseek, off_t, (int fd, off_t offset, int whence), (fd, offset, whence))            \
+    X(pthread_join, int, (pthread_t thread, void** result), (thread, result))            \
     X(nanosleep, int, (const timespec* time, timespec* left), (time, left))              \
     X(clock_nanosleep, int,                                                              \
       (clockid_t clock, int flags, const timespec* time, timespec* left),                \
@@ -84,7 +88,8 @@
     X(fcntl64, fcntl)                                                                    \
     X(stat64, stat)                                                                      \
     X(scandir64, scandir)                                                                \
-    X(fopen64, fopen)
+    X(fopen64, fopen)                                                                    \
+    X(lseek64, lseek)
 
 namespace support {
 

@@ -17,13 +17,12 @@ namespace support {
 
 class engine_fixture : public testing::Test {
 protected:
-    engine_fixture()
+    engine_fixture() { reset(); }
+    ~engine_fixture() override
     {
         reset();
-        // A receiver that has gone raises it; the program ignores it as well.
-        std::signal(SIGPIPE, SIG_IGN);
+        (void)std::signal(SIGPIPE, before_);
     }
-    ~engine_fixture() override { reset(); }
 
 private:
     static void reset()
@@ -31,6 +30,9 @@ private:
         vesk::stats = vesk::replay_stats{};
         g_debug_mode = 0;
     }
+
+    // A receiver that has gone raises it; the program ignores it as well.
+    void (*const before_)(int) = std::signal(SIGPIPE, SIG_IGN);
 };
 
 inline vesk::data_t message(const std::string& bytes)

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <string>
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,6 +28,9 @@ public:
         flush();
         ::dup2(saved_, 1);
         real<call::close>(saved_);
+        // The reports of a failed test went there, too; they stand near the end.
+        if (testing::Test::HasFailure())
+            std::cerr << last_of(unflushed_text());
         real<call::close>(file_);
     }
     output_capture(const output_capture&) = delete;
@@ -51,6 +55,12 @@ public:
     }
 
 private:
+    static std::string last_of(const std::string& text)
+    {
+        constexpr size_t ENOUGH = 10000;
+        return text.size() > ENOUGH ? text.substr(text.size() - ENOUGH) : text;
+    }
+
     static void flush()
     {
         std::cout.flush();

@@ -100,6 +100,20 @@ inline unique_fd connected_to(uint16_t port)
     return fd;
 }
 
+// The port of the one socket of this process that listens, 0 while there is none. One
+// that came from the parent stays out of it: only such a one is left open on exec.
+inline uint16_t listening_port()
+{
+    for (int fd = 0; fd < 1024; ++fd) {
+        int listens = 0;
+        socklen_t length = sizeof listens;
+        if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) == 0 &&
+            listens == 1 && real<call::fcntl>(fd, F_GETFD, 0L) == FD_CLOEXEC)
+            return local_port(fd);
+    }
+    return 0;
+}
+
 inline bool is_readable(int fd, int timeout_ms = 0)
 {
     pollfd wanted = {fd, POLLIN, 0};

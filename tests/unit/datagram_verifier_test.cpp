@@ -14,6 +14,7 @@
 
 #include "datagram_verifier.h"
 #include "support/fault_patterns.h"
+#include "support/processor_time.h"
 
 namespace {
 
@@ -1195,10 +1196,10 @@ void expect_only_strangers(uint64_t messages, uint64_t strangers)
     std::vector<arrival> arrivals(strangers);
     for (arrival& one : arrivals)
         one.bytes = random.bytes(32);
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = support::processor_time();
     const verification result = verified(list, arrivals, 4096);
 
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
     EXPECT_EQ(result.matched_messages, 0u);
     EXPECT_EQ(result.count(fault_kind::duplicated), 0u);
     EXPECT_EQ(result.count(fault_kind::reordered), 0u);
@@ -1502,9 +1503,9 @@ TEST(DatagramVerifier, FindsAnAlteredOneAmongEqualMessages)
 
 TEST(DatagramVerifier, TakesAHundredThousandEqualMessagesInGoodTime)
 {
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = support::processor_time();
     EXPECT_EQ(all_equal(100000, 99990).count(fault_kind::lost), 10u);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
 }
 
 // ------------------------------------------------------- more than a window at once

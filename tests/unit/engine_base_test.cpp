@@ -547,6 +547,7 @@ TEST_F(EngineBase, TheSlowPathWaitsForAReceiverToDrainAndLosesNothing)
     });
     const output_capture output;
     const int rc = engine_.wait_to_send(pair.near(), message(bytes), 0);
+    EXPECT_TRUE(polled.exchange(true)); // or the receiver would wait for ever
     receiver.join();
 
     EXPECT_EQ(rc, 0);

@@ -9,8 +9,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 
 #include "support/call_seam.h"
 #include "support/engine_fixture.h"
@@ -629,6 +631,8 @@ TEST_F(TcpEngine, AReceiverThatHasGoneIsASocketError)
     const linger hard = {1, 0};
     ASSERT_EQ(::setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard), 0);
     fd.reset();
+    pollfd connection = {engine->conn_fd_, 0, 0}; // an error is told unasked
+    ASSERT_EQ(support::real<call::poll>(&connection, nfds_t{1}, 60000), 1);
     push("lost");
     const output_capture output;
 
@@ -735,6 +739,30 @@ TEST_F(TcpEngine, AnErrorOnTheSlowPathIsASocketError)
     EXPECT_EQ(interest(engine->conn_handle_), 0u);
 }
 
+int bytes_in(int fd, unsigned long queue)
+{
+    int count = 0;
+    EXPECT_EQ(::ioctl(fd, queue, &count), 0);
+    return count;
+}
+
+// Sends into a connection whose receiver does not read until there is no room, and none
+// can come up either: all that has arrived has been acknowledged. The bytes sent.
+size_t fill(int sender, int receiver)
+{
+    const std::string filler(65536, 'x');
+    size_t sent = 0;
+    EXPECT_TRUE(support::eventually([&] {
+        const int known = bytes_in(receiver, SIOCINQ) + bytes_in(sender, SIOCOUTQ);
+        const ssize_t n = ::send(sender, filler.data(), filler.size(), 0);
+        const bool has_room = n >= 0 || errno != EAGAIN;
+        const bool settled = static_cast<size_t>(known) == sent;
+        sent += static_cast<size_t>(std::max<ssize_t>(n, 0));
+        return settled && !has_room;
+    }));
+    return sent;
+}
+
 // Two receivers, of whom the newer has stopped reading: the older one's events
 // still fire, and the message runs into the newer one's full buffers.
 TEST_F(TcpEngine, AStalledReceiverHoldsTheSenderUntilItDrainsAndLosesNothing)
@@ -743,11 +771,7 @@ TEST_F(TcpEngine, AStalledReceiverHoldsTheSenderUntilItDrainsAndLosesNothing)
     const auto older = accepted_receiver();
     const support::unique_fd older_connection(engine->conn_fd_);
     const auto newer = accepted_receiver();
-    size_t backlog = 0;
-    const std::string filler(65536, 'x');
-    for (ssize_t n = 0; n >= 0; backlog += static_cast<size_t>(std::max<ssize_t>(n, 0)))
-        n = ::send(engine->conn_fd_, filler.data(), filler.size(), 0);
-    ASSERT_EQ(errno, EAGAIN);
+    const size_t backlog = fill(engine->conn_fd_, newer.get());
     const std::string bytes = patterned(vesk::MAX_BUFFER_SIZE);
     push(bytes);
 
@@ -765,6 +789,7 @@ TEST_F(TcpEngine, AStalledReceiverHoldsTheSenderUntilItDrainsAndLosesNothing)
     });
     const output_capture output;
     engine->out_event();
+    EXPECT_TRUE(polled.exchange(true)); // or the receiver would wait for ever
     drain.join();
 
     EXPECT_EQ(received.substr(0, backlog), std::string(backlog, 'x'));

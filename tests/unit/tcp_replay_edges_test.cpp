@@ -14,6 +14,7 @@
 #include "support/eventually.h"
 #include "support/fatal.h"
 #include "support/output_capture.h"
+#include "support/replay_fixture.h"
 #include "support/scratch_dir.h"
 #include "tcp_replay.h"
 
@@ -45,7 +46,7 @@ public:
     using pcapreplay::msg_v_;
 };
 
-class ReplayEdges : public testing::Test {
+class ReplayEdges : public support::replay_fixture {
 protected:
     std::string save(const std::string& name, const std::string& bytes) const
     {
@@ -56,8 +57,6 @@ protected:
     const support::scratch_dir dir_;
     const support::output_capture output_;
 };
-
-using ReplayEdgesDeathTest = ReplayEdges;
 
 TEST_F(ReplayEdges, AStopOnAFullQueueEndsAPassFromMemoryAndCountsIt)
 {
@@ -176,7 +175,7 @@ TEST_F(ReplayEdges, WhileTheRunIsHeldItsCaptureIsClosed)
     reader.join();
 }
 
-TEST_F(ReplayEdgesDeathTest, AnEmptyListOfNamesIsFatal)
+TEST(ReplayEdgesDeathTest, AnEmptyListOfNamesIsFatal)
 {
     EXPECT_FATAL(
         vesk::filereplay("127.0.0.1:0", vesk::filename_list()),

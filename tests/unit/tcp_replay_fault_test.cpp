@@ -23,6 +23,8 @@
 #include "support/call_seam.h"
 #include "support/capture_builder.h"
 #include "support/fatal.h"
+#include "support/replay_fixture.h"
+#include "support/scanner_ends.h"
 #include "support/scratch_dir.h"
 #include "support/socket_trace.h"
 #include "support/sockets.h"
@@ -53,30 +55,8 @@ std::string text_thrown_by(Action action)
     return "(nothing thrown)";
 }
 
-// The port of the one listening socket of this process, 0 while there is none.
-uint16_t listening_port()
-{
-    for (int fd = 0; fd < 1024; ++fd) {
-        int listens = 0;
-        socklen_t length = sizeof(listens);
-        if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) == 0 &&
-            listens == 1)
-            return support::local_port(fd);
-    }
-    return 0;
-}
-
-class ReplayFault : public testing::Test {
+class ReplayFault : public support::replay_fixture {
 protected:
-    ReplayFault() { reset_globals(); }
-    ~ReplayFault() override { reset_globals(); }
-
-    static void reset_globals()
-    {
-        vesk::stats = vesk::replay_stats{};
-        __atomic_store_n(&vesk::keep_running_, true, __ATOMIC_RELAXED);
-    }
-
     std::string save(const std::string& name, const std::string& bytes) const
     {
         support::write_file(directory_.file(name), bytes);
@@ -166,8 +146,6 @@ class FaultOfTheWakeUpsRead : public ReplayFault,
 TEST_P(FaultOfTheWakeUpsRead, IsTriedAgainWithTheNextEvent)
 {
     const std::string path = save("file", "data");
-    vesk::filereplay replay("127.0.0.1:0", path, PROTOTYPE::TCP, 1, false, NO_LIMIT, "");
-    const auto receiver = support::connected_to(listening_port());
     std::atomic<int> reads{0};
     const support::scoped_call<call::read> hook(
         [&](int fd, void* buffer, size_t length) -> ssize_t {
@@ -177,6 +155,9 @@ TEST_P(FaultOfTheWakeUpsRead, IsTriedAgainWithTheNextEvent)
             errno = GetParam().error;
             return GetParam().result;
         });
+    // The poller thread runs from here on: what it is given must be settled by now.
+    vesk::filereplay replay("127.0.0.1:0", path, PROTOTYPE::TCP, 1, false, NO_LIMIT, "");
+    const auto receiver = support::connected_to(support::listening_port());
     std::thread reader([&] { replay.start_replay(); });
 
     EXPECT_EQ(support::receive_exactly(receiver.get(), 4), "data");
@@ -192,7 +173,10 @@ INSTANTIATE_TEST_SUITE_P(
         wakeup_read{-1, EAGAIN}, wakeup_read{-1, EINTR}, wakeup_read{-1, EIO},
         wakeup_read{0, 0}, wakeup_read{4, 0}));
 
-TEST_F(ReplayFault, ACloseThatFailsIsNotRepeated)
+class FaultOfTheReplaysClose : public ReplayFault,
+                               public testing::WithParamInterface<int> {};
+
+TEST_P(FaultOfTheReplaysClose, IsNotRepeated)
 {
     for (const PROTOTYPE transport : {PROTOTYPE::TCP, PROTOTYPE::UDP}) {
         auto replay = std::make_unique<vesk::replay_base>(
@@ -203,7 +187,7 @@ TEST_F(ReplayFault, ACloseThatFailsIsNotRepeated)
             closed.push_back(fd);
             // The kernel closes whatever it says. A repeated call is left to succeed.
             const bool closes = support::real<call::close>(fd) == 0;
-            errno = EINTR;
+            errno = GetParam();
             return closes ? -1 : 0;
         });
 
@@ -214,6 +198,9 @@ TEST_F(ReplayFault, ACloseThatFailsIsNotRepeated)
         EXPECT_THAT(std::set<int>(closed.begin(), closed.end()), SizeIs(closed.size()));
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryError, FaultOfTheReplaysClose, testing::Values(EBADF, EINTR, EIO, ENOSPC));
 
 // --------------------------------------------------------------- the path
 
@@ -312,7 +299,7 @@ private:
     support::unique_fd connect()
     {
         uint16_t port = 0;
-        while (!ended_ && (port = listening_port()) == 0)
+        while (!ended_ && (port = support::listening_port()) == 0)
             std::this_thread::yield();
         return ended_ ? support::unique_fd() : support::connected_to(port);
     }
@@ -367,13 +354,6 @@ bool is_specified_end(const process_end& end)
         return testing::Matches(testing::MatchesRegex(
             "FATAL ERROR: OUT OF MEMORY \\((epoll|tcp_replay)\\.h:[0-9]+\\)\n"))(
             end.errors);
-    // libpcap's filter scanner cannot do without: it ends the process, or falls over.
-    if (end.errors.rfind("out of dynamic memory in yy", 0) == 0)
-        return end.status == 2;
-    if (end.signal == SIGSEGV)
-        return end.errors.empty();
-    if (end.errors.find("SEGV") != std::string::npos)
-        return end.errors.find("libpcap") != std::string::npos;
     return testing::Matches(testing::MatchesRegex(
         "|threw: std::bad_alloc "
         "|threw: Resource temporarily unavailable " // a thread that cannot be had
@@ -435,6 +415,15 @@ protected:
             EXPECT_TRUE(is_specified_end(ends[i])) << i + 1 << ": " << ends[i].text();
         EXPECT_EQ(ends.back().text(), "");
         EXPECT_THAT(ends, SizeIs(Ge(at_least)));
+    }
+
+    // The same where libpcap has a part in it.
+    static void expect_specified_of_captures(std::vector<process_end> ends)
+    {
+        const size_t count = ends.size();
+        support::take_out_ends_by_the_scanner(ends);
+        expect_specified(ends, 36);
+        EXPECT_GE(count, 40u);
     }
 
     // Small frames: libpcap's buffer need not grow for them.
@@ -501,14 +490,14 @@ TEST_F(ReplayOutOfMemory, AStreamedCaptureOverUdpEndsAsSpecifiedWithoutALeak)
 {
     const auto ends = sweep_captures(
         PROTOTYPE::UDP, save_capture("a capture with a long name"), false, payloads_);
-    expect_specified(ends, 40);
+    expect_specified_of_captures(ends);
 }
 
 TEST_F(ReplayOutOfMemory, AStreamedCaptureOverTcpEndsAsSpecifiedWithoutALeak)
 {
     const auto ends = sweep_captures(
         PROTOTYPE::TCP, save_capture("a capture with a long name"), false, payloads_);
-    expect_specified(ends, 40);
+    expect_specified_of_captures(ends);
 }
 
 TEST_F(ReplayOutOfMemory, APreloadedCaptureOverUdpEndsAsSpecifiedWithoutALeak)
@@ -516,7 +505,7 @@ TEST_F(ReplayOutOfMemory, APreloadedCaptureOverUdpEndsAsSpecifiedWithoutALeak)
     const auto ends = sweep_captures(
         PROTOTYPE::UDP, save_capture("a capture with a long name"), true,
         {payloads_[2], payloads_[1], payloads_[0]});
-    expect_specified(ends, 40);
+    expect_specified_of_captures(ends);
 }
 
 TEST_F(ReplayOutOfMemory, AMissingPathIsReportedOrABadAlloc)

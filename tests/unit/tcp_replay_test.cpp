@@ -5,8 +5,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,8 +24,10 @@
 #include "support/eventually.h"
 #include "support/fatal.h"
 #include "support/output_capture.h"
+#include "support/replay_fixture.h"
 #include "support/scratch_dir.h"
 #include "support/sockets.h"
+#include "support/threads.h"
 #include "tcp_replay.h"
 
 namespace {
@@ -66,21 +66,9 @@ texts_t texts_of(const std::vector<data_t>& messages)
     return texts;
 }
 
-int poller_threads()
-{
-    int count = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::ifstream(task.path() / "comm") >> name;
-        count += name == "poller_thread" ? 1 : 0;
-    }
-    return count;
-}
-
-// A thread that was joined may stay listed for a moment.
 bool poller_threads_end(std::chrono::seconds limit = std::chrono::seconds(60))
 {
-    return eventually([] { return poller_threads() == 0; }, limit);
+    return support::has_threads_named(0, "poller_thread", limit);
 }
 
 long open_descriptors()
@@ -89,18 +77,11 @@ long open_descriptors()
     return std::distance(iterator("/proc/self/fd"), iterator());
 }
 
-// The port of the one listening socket of this process.
 uint16_t listening_port()
 {
-    for (int fd = 0; fd < 1024; ++fd) {
-        int listens = 0;
-        socklen_t length = sizeof(listens);
-        if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) == 0 &&
-            listens == 1)
-            return support::local_port(fd);
-    }
-    ADD_FAILURE() << "nothing listens";
-    return 0;
+    const uint16_t port = support::listening_port();
+    EXPECT_NE(port, 0) << "nothing listens";
+    return port;
 }
 
 template <class Action>
@@ -203,23 +184,8 @@ private:
     std::thread thread_;
 };
 
-class ReplayTest : public testing::Test {
+class ReplayTest : public support::replay_fixture {
 protected:
-    ReplayTest() { reset_globals(); }
-    ~ReplayTest() override
-    {
-        reset_globals();
-        if (HasFailure())
-            std::cerr << output_.text(); // the failure's own text went there
-    }
-
-    static void reset_globals()
-    {
-        vesk::stats = vesk::replay_stats{};
-        __atomic_store_n(&vesk::keep_running_, true, __ATOMIC_RELAXED);
-        g_debug_mode = 0;
-    }
-
     std::string udp_address() const
     {
         return "127.0.0.1:" + std::to_string(support::local_port(receiver_.get()));
@@ -361,7 +327,7 @@ TEST_F(ReplayBase, DestructionJoinsThePollerThreadOfEitherTransport)
             protocol == PROTOTYPE::TCP ? "127.0.0.1:0" : udp_address();
         {
             const opened_base replay(address, NO_LIMIT, protocol, "");
-            EXPECT_TRUE(eventually([] { return poller_threads() == 1; }));
+            EXPECT_TRUE(support::has_threads_named(1, "poller_thread"));
         }
         EXPECT_TRUE(poller_threads_end());
     }
@@ -389,7 +355,7 @@ TEST_F(ReplayBase, ThePollerThreadHasEndedWhenTheWakeUpDescriptorIsClosed)
     const support::scoped_call<call::close> watch([&](int fd) {
         if (fd == wakeup_fd) {
             closed = true;
-            ended_before = poller_threads_end(std::chrono::seconds(5));
+            ended_before = poller_threads_end(std::chrono::seconds(20));
         }
         return support::real<call::close>(fd);
     });
@@ -427,21 +393,21 @@ TEST_F(ReplayBase, AnUnknownProtocolThrowsAndJoinsThePollerThread)
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(ReplayBase, ATcpAddressThatCannotBeUsedIsFatal)
+TEST(ReplayBaseDeathTest, ATcpAddressThatCannotBeUsedIsFatal)
 {
     EXPECT_FATAL(
         opened_base("127.0.0.1", NO_LIMIT, PROTOTYPE::TCP, ""),
         "Assertion failed: rc != retired_fd", "tcp_replay.h");
 }
 
-TEST_F(ReplayBase, AUdpAddressThatCannotBeUsedIsFatalWithItsErrno)
+TEST(ReplayBaseDeathTest, AUdpAddressThatCannotBeUsedIsFatalWithItsErrno)
 {
     EXPECT_FATAL(
         opened_base("127.0.0.1:*", NO_LIMIT, PROTOTYPE::UDP, ""), "Invalid argument",
         "tcp_replay.h");
 }
 
-TEST_F(ReplayBase, TheDeviceNameReachesTheUdpEngine)
+TEST(ReplayBaseDeathTest, TheDeviceNameReachesTheUdpEngine)
 {
     EXPECT_FATAL(
         opened_base("127.0.0.1:9", NO_LIMIT, PROTOTYPE::UDP, "nosuchdevice0"),
@@ -454,7 +420,7 @@ TEST_F(ReplayBase, ATcpReplayLeavesTheDeviceNameAlone)
     EXPECT_EQ(replay.devname_, "nosuchdevice0");
 }
 
-TEST_F(ReplayBase, AWakeUpDescriptorThatCannotBeCreatedIsFatal)
+TEST(ReplayBaseDeathTest, AWakeUpDescriptorThatCannotBeCreatedIsFatal)
 {
     const support::scoped_call<call::eventfd> fail([](unsigned int, int) {
         errno = EMFILE;
@@ -465,7 +431,7 @@ TEST_F(ReplayBase, AWakeUpDescriptorThatCannotBeCreatedIsFatal)
         "Assertion failed: wakeup_fd_ != retired_fd", "tcp_replay.h");
 }
 
-TEST_F(ReplayBase, AWakeUpWithoutADescriptorIsFatal)
+TEST(ReplayBaseDeathTest, AWakeUpWithoutADescriptorIsFatal)
 {
     EXPECT_FATAL(
         opened_base("127.0.0.1:9", NO_LIMIT, PROTOTYPE::UDP, "").in_event(),
@@ -522,7 +488,7 @@ TEST_F(ReplayBase, AStopEndsTheSpinOnAFullQueueAndTheMessageStaysWithItsCaller)
     EXPECT_FALSE(reader.ended());
     reader.stop();
     EXPECT_NE(message, nullptr);
-    EXPECT_EQ(output_.text(), "socket error\n");
+    EXPECT_TRUE(eventually([&] { return output_.text() == "socket error\n"; }));
 }
 
 TEST_F(ReplayBase, AStopEndsTheSpinOnAMissingQueue)
@@ -584,7 +550,7 @@ TEST_F(FileReplay, APipeIsNotSupported)
     EXPECT_EQ(text_thrown_for(directory_.file("pipe")), "Not support file type.");
 }
 
-TEST_F(FileReplay, TheEndpointIsOpenedBeforeThePathIsLookedAt)
+TEST(FileReplayDeathTest, TheEndpointIsOpenedBeforeThePathIsLookedAt)
 {
     EXPECT_FATAL(
         file_source("127.0.0.1", "/missing", PROTOTYPE::TCP, 1, false, NO_LIMIT, ""),
@@ -736,7 +702,7 @@ TEST_F(FileReplay, AStopOnAFullQueueEndsTheReplayAndCountsThePass)
 
     reader.let_it_spin();
     EXPECT_FALSE(reader.ended());
-    EXPECT_EQ(output_.text(), "socket error\n");
+    EXPECT_TRUE(eventually([&] { return output_.text() == "socket error\n"; }));
     reader.stop();
     EXPECT_EQ(replay.loopback_, 4U);
 }
