@@ -40,7 +40,8 @@ class OneWay:
         self._source, self._target = source, target
         self._protocol, self._latency = protocol, latency
         self._wake, self._sleeper = socket.socketpair()
-        self.seen = 0
+        self.seen = 0  # frames of the protocol
+        self.settled = 0  # of these, passed on or not with all that comes of it
         self._thread = threading.Thread(target=self._run, args=(schedule,))
         self._thread.start()
 
@@ -58,6 +59,7 @@ class OneWay:
             if carries(frame, self._protocol):
                 self.seen += 1
                 yield frame
+                self.settled = self.seen
             else:
                 self._pass_on(frame)
 
@@ -81,10 +83,13 @@ class OneWay:
 
 def open_end(host):
     """The program's side of a new device of this host."""
+    host.speak_no_ipv6()
     with host.inside():
         end = os.open(TUN, os.O_RDWR | os.O_CLOEXEC)
         request = struct.pack("16sH22x", host.device.encode(), IFF_TAP | IFF_NO_PI)
         fcntl.ioctl(end, TUNSETIFF, request)
+    # It keeps asking for the other one, however long the cable's threads take.
+    host.set(f"ipv4/neigh/{host.device}/mcast_solicit", 100)
     ip = ("ip", "-n", host.name)
     run(*ip, "address", "add", f"{host.address}/24", "dev", host.device)
     run(*ip, "link", "set", host.device, "up")

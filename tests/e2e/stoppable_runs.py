@@ -1,11 +1,18 @@
 """Runs of every kind for the tests that stop them: the recording, who listens and how,
-and what of it all must be right when the run has ended."""
+and what of it all must be right when the run has ended.
+
+Run by itself with the name of a record that these tests wrote, it prints how the runs
+ended and how long that took.
+"""
 
 import contextlib
 import dataclasses
 import itertools
+import json
+import math
 import random
 import socket
+import sys
 import threading
 import time
 
@@ -14,6 +21,7 @@ from conftest import DEADLINE, LOCALHOST, MESSAGE_SIZE, Receiver, pieces
 from udp_receiver import UdpReceiver
 
 GROUP = "239.1.1.1"
+PHASES = ("start", "middle", "end")  # of a run, in which a stop may fall
 
 
 def random_bytes(count, seed=1):
@@ -355,3 +363,41 @@ KINDS = {
     "UDP, a group": Kind(Member, a_capture, passes=2),
     "UDP, a group, paced": Kind(Member, a_short_file, passes=0, mbps=20),
 }
+
+
+# ------------------------------------------------------------- what a record says
+
+OUTCOMES = {
+    "ended": "status 0",
+    "forgotten": "forgotten; status 0 after a second signal",
+    "died": "the signal's default death",
+}
+
+
+def summary(moments):
+    """A table of these moments: for each outcome how many there are, by phase, and the
+    seconds from the signal that counted to the end."""
+    lines = [
+        "| outcome | count | start, middle, end | median | 99 % | longest | waiting |",
+        "|---|---|---|---|---|---|---|",
+    ]
+    for outcome, words in OUTCOMES.items():
+        these = [each for each in moments if each["outcome"] == outcome]
+        phases = ", ".join(str(sum(e["phase"] == phase for e in these)) for phase in PHASES)
+        times = sorted(each["seconds"] for each in these)
+        figures = [quantile(times, share) for share in (0.5, 0.99, 1)] if these else []
+        figures += [max(each["waited"] for each in these)] if these else []
+        shown = " | ".join(f"{seconds:.3f}" for seconds in figures) or " | | |"
+        lines.append(f"| {words} | {len(these)} | {phases} | {shown} |")
+    others = [each for each in moments if each["outcome"] not in OUTCOMES]
+    return "\n".join([*lines, "", f"{len(moments)} moments, {len(others)} without an end"])
+
+
+def quantile(ordered, share):
+    """The least of these numbers that this share of them does not exceed."""
+    return ordered[max(math.ceil(share * len(ordered)), 1) - 1]
+
+
+if __name__ == "__main__":
+    with open(sys.argv[1]) as record:
+        print(summary([json.loads(line) for line in record]))

@@ -2,20 +2,25 @@
 made-up results, so that every fault comes when the test wants it.
 
 A tracer takes the place that the leak check of a sanitizer's build needs: there, the
-sender runs without that check. Faults of write are left out there where they would meet
-the sanitizer's own writes.
+sender runs without that check. Faults that would meet the sanitizer's own calls are
+skipped there.
+
+The last part does without faults: it starts the sender with closed standard streams.
 """
 
+import itertools
 import os
 import pathlib
 import shutil
 import signal
+import socket
 import subprocess
 import time
 
 import pytest
 
-from capture_builder import pcap, payloads, udp
+from capture_builder import pcap, payloads, tcp, udp
+from capture_test import reading
 from conftest import (
     BINARY,
     DEADLINE,
@@ -23,8 +28,10 @@ from conftest import (
     SANITIZER,
     Program,
     Sender,
+    debug_dump,
     echo,
     fatal,
+    not_with,
     pieces,
     uncaught,
 )
@@ -176,10 +183,14 @@ NO_WAKEUP = "Assertion failed: wakeup_fd_ != retired_fd"
 NO_ENDPOINT = "Assertion failed: rc != retired_fd"
 NOT_INHERITABLE = "Assertion failed: rc != -1"
 NO_WAKEUP_WRITTEN = "Assertion failed: n == sizeof(uint64_t)"
+WITHOUT_CHECKS = not_with(("asan", "tsan"), "their runtime makes such calls of its own")
 # What the poller thread's first write may give.
 WAKEUP_WRITES = [
-    ("write:error=EAGAIN:when=1", NO_WAKEUP_WRITTEN, "tcp_engine.h"),
-    ("write:retval=4:when=1", NO_WAKEUP_WRITTEN, "tcp_engine.h"),
+    pytest.param(fault, NO_WAKEUP_WRITTEN, "tcp_engine.h", marks=WITHOUT_CHECKS)
+    for fault in ("write:error=EAGAIN:when=1", "write:retval=4:when=1")
+]
+PASSING_ACCEPT_ERRORS = [
+    "EAGAIN", "EINTR", "ECONNABORTED", "EPROTO", "ENOBUFS", "ENOMEM", "EMFILE", "ENFILE",
 ]
 
 
@@ -197,7 +208,9 @@ WAKEUP_WRITES = [
         ("epoll_ctl:error=ENOENT:when=4", "No such file or directory", "epoll.h"),
         ("socket:error=EMFILE", NO_ENDPOINT, "tcp_replay.h"),
         ("socket:error=ENOBUFS", NO_ENDPOINT, "tcp_replay.h"),
+        ("fcntl:error=EBADF", NOT_INHERITABLE, "tcp_engine.h"),
         ("fcntl:error=EINVAL", NOT_INHERITABLE, "tcp_engine.h"),
+        ("fcntl:error=EPERM", NOT_INHERITABLE, "tcp_engine.h"),
         ("setsockopt:error=ENOMEM", NO_ENDPOINT, "tcp_replay.h"),
         ("bind:error=EADDRINUSE", NO_ENDPOINT, "tcp_replay.h"),
         ("bind:error=EACCES", NO_ENDPOINT, "tcp_replay.h"),
@@ -230,21 +243,19 @@ def test_a_udp_run_that_cannot_be_set_up_is_fatal(faulty, path, fault, text, hea
     assert sender.injected() == 1
 
 
-# The thread checks start a thread of their own before the program does.
-if SANITIZER != "tsan":
-
-    @pytest.mark.parametrize("error", ["EAGAIN", "ENOMEM"])
-    def test_a_thread_that_the_system_does_not_give_ends_the_program(faulty, path, error):
-        """The C library tells every such error as a lack of resources."""
-        faults = [f"clone3:error={error}", f"clone:error={error}"]
-        sender = faulty(faults, "--filepath", path, "--protocol", "udp", "--port", "9")
-        sender.expect(
-            ABORTED,
-            echo(path, f"{LOCALHOST}:9", protocol="udp"),
-            "terminate called after throwing an instance of 'std::system_error'\n"
-            "  what():  Resource temporarily unavailable\n",
-        )
-        assert sender.injected() == 1
+@not_with(("tsan",), "they start a thread before the program does")
+@pytest.mark.parametrize("error", ["EAGAIN", "ENOMEM"])
+def test_a_thread_that_the_system_does_not_give_ends_the_program(faulty, path, error):
+    """The C library tells every such error as a lack of resources."""
+    faults = [f"clone3:error={error}", f"clone:error={error}"]
+    sender = faulty(faults, "--filepath", path, "--protocol", "udp", "--port", "9")
+    sender.expect(
+        ABORTED,
+        echo(path, f"{LOCALHOST}:9", protocol="udp"),
+        "terminate called after throwing an instance of 'std::system_error'\n"
+        "  what():  Resource temporarily unavailable\n",
+    )
+    assert sender.injected() == 1
 
 
 # --------------------------------------------------------- reading the sources
@@ -328,15 +339,23 @@ def test_reads_that_are_interrupted_are_taken_up_again(udp_run, path):
     udp_run(["read:error=EINTR:when=1..3"], path)
 
 
-def test_a_read_error_ends_the_file_there(udp_run, path):
-    udp_run(["read:error=EIO:when=3+"], path, expected=MESSAGES[:2])
+@pytest.mark.parametrize("error", ["EIO", "EISDIR", "ENOMEM", "ESTALE"])
+def test_a_read_error_ends_the_file_there(udp_run, path, error):
+    udp_run([f"read:error={error}:when=3+"], path, expected=MESSAGES[:2])
 
 
 def test_a_position_that_cannot_be_told_changes_nothing(udp_run, path):
     udp_run(["lseek:error=ESPIPE"], path)
 
 
-@pytest.mark.parametrize("error", ["EINTR", "EIO"])
+def test_a_read_error_without_a_position_ends_the_file_behind_its_last_whole_message(
+    udp_run, path
+):
+    faults = ["lseek:error=ESPIPE", "read:error=EIO:when=3+"]
+    udp_run(faults, path, expected=MESSAGES[:2])
+
+
+@pytest.mark.parametrize("error", ["EBADF", "EINTR", "EIO", "ENOSPC"])
 def test_a_file_that_fails_to_close_changes_nothing(udp_run, path, error):
     udp_run(
         [f"close:error={error}"], path, "--loopback", "2",
@@ -382,7 +401,29 @@ def test_a_capture_that_cannot_be_opened_is_told_in_libpcaps_words(faulty, data_
     )
 
 
-@pytest.mark.parametrize("error", ["EIO", "EINTR"])
+@pytest.mark.parametrize(
+    "error, text",
+    [
+        ("EINTR", "Interrupted system call"),
+        ("EIO", "Input/output error"),
+        ("EISDIR", "Is a directory"),
+        ("ENOMEM", OUT_OF_MEMORY),
+        ("ESTALE", "Stale file handle"),
+    ],
+)
+def test_a_read_error_in_a_captures_header_is_told_in_libpcaps_words(
+    faulty, data_file, error, text
+):
+    path = data_file(pcap([udp(b"x")]), "a.pcap")
+    sender = faulty([f"read:error={error}"], *capture_words(path, 9), path=path)
+    sender.expect(
+        ABORTED,
+        capture_echo(path, 9),
+        uncaught(f"Open pcap file failed! Error message: error reading dump file: {text}"),
+    )
+
+
+@pytest.mark.parametrize("error", ["EINTR", "EIO", "EISDIR", "ENOMEM", "ESTALE"])
 def test_a_read_error_ends_a_capture_behind_its_last_whole_frame(
     faulty, data_file, receiver, error
 ):
@@ -409,7 +450,7 @@ def test_a_udp_socket_that_cannot_be_unblocked_sends_all_the_same(udp_run, path)
     udp_run(["fcntl:error=EPERM"], path, confined=False)
 
 
-@pytest.mark.parametrize("error", ["EIO", "ENOSPC", "EPIPE"])
+@pytest.mark.parametrize("error", ["EAGAIN", "EINTR", "EIO", "ENOSPC", "EPIPE"])
 def test_output_that_cannot_be_written_does_not_hold_up_the_run(
     faulty, path, receiver, error
 ):
@@ -423,6 +464,84 @@ def test_output_that_cannot_be_written_does_not_hold_up_the_run(
     sender.signal(signal.SIGINT)
     sender.expect(0)
     assert receiver.is_quiet()
+    assert sender.injected() >= 1
+
+
+@pytest.mark.parametrize("error", ["EAGAIN", "EINTR", "EIO", "ENOSPC", "EPIPE"])
+def test_a_line_that_cannot_be_written_takes_all_later_lines_with_it(
+    faulty, data_file, receiver, udp_echo, error
+):
+    """The bytes of a dump do not come by the stream that has failed: they still appear."""
+    data = b"0123456789"
+    path = data_file(data)
+    sender = faulty(
+        [f"write:error={error}:when=3"],
+        "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
+        "--debug", "1", path="stdout",
+    )
+    assert receiver.receive(1) == [data]
+    sender.wait_for_progress()
+    sender.signal(signal.SIGINT)
+    first, second, _ = udp_echo(path).split("\n", 2)
+    sender.expect(0, f"{first}\n{second}\n" + "".join(f"{byte:02x} " for byte in data))
+    assert sender.injected() == 1
+
+
+@pytest.mark.parametrize("count", [0, 3])
+def test_a_line_that_is_written_in_part_is_finished(
+    faulty, path, receiver, udp_echo, count
+):
+    """The bytes that the system says it took are the ones that do not come out."""
+    sender = faulty(
+        [f"write:retval={count}:when=2"],
+        "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
+        path="stdout",
+    )
+    assert_same(receiver.receive(len(MESSAGES)), MESSAGES)
+    sender.wait_for_progress()
+    sender.signal(signal.SIGINT)
+    first, second, rest = udp_echo(path).split("\n", 2)
+    sender.expect(0, f"{first}\n{second[count:]}\n{rest}")
+    assert sender.injected() == 1
+
+
+ERRORS_OF_STDERR = ["EAGAIN", "EBADF", "EINTR", "EIO", "ENOSPC", "EPIPE"]
+
+
+@pytest.mark.parametrize("error", ERRORS_OF_STDERR)
+def test_an_abort_follows_although_its_reason_cannot_be_written(faulty, tmp_path, error):
+    """That of an exception and that of a fatal check."""
+    missing = tmp_path / "missing"
+    words = ("--filepath", missing, "--protocol", "udp", "--port", "9")
+    sender = faulty([f"write:error={error}"], *words, path="stderr")
+    sender.expect(ABORTED, echo(missing, f"{LOCALHOST}:9", protocol="udp"))
+    assert sender.injected() >= 1
+
+    words = (*words, "--device", "no-such-device")
+    sender = faulty([f"write:error={error}"], *words, path="stderr")
+    sender.expect(
+        ABORTED, echo(missing, f"{LOCALHOST}:9", protocol="udp", device="no-such-device")
+    )
+    assert sender.injected() >= 1
+
+
+@pytest.mark.parametrize("error", ERRORS_OF_STDERR)
+def test_a_refused_filter_that_cannot_be_told_is_skipped_all_the_same(
+    faulty, data_file, error
+):
+    path = data_file(pcap([udp(b"x")]), "a.pcap")
+    words = ("--filepath", path, "--port", "9", "--protocol", "udp", "--filetype", "1")
+    words = (*words, "--filter", "udp and and")
+    sender = faulty([f"write:error={error}"], *words, path="stderr")
+    sender.wait_for_output("reading from file")
+    sender.wait_for_progress()
+    sender.signal(signal.SIGINT)
+    description = "link-type EN10MB Ethernet, snapshot lengthL: 262144"
+    sender.expect(
+        0,
+        echo(path, f"{LOCALHOST}:9", filetype=1, filter="udp and and", protocol="udp")
+        + f"reading from file: {path}, {description}\n",
+    )
     assert sender.injected() >= 1
 
 
@@ -453,15 +572,30 @@ def test_a_wait_that_fails_is_fatal(serve, attach, path, error, text):
     assert tracer.injected() == 1
 
 
-@pytest.mark.parametrize(
-    "error",
-    ["EAGAIN", "EINTR", "ECONNABORTED", "EPROTO", "ENOBUFS", "ENOMEM", "EMFILE", "ENFILE"],
-)
+@pytest.mark.parametrize("error", PASSING_ACCEPT_ERRORS)
 def test_an_accept_that_may_fail_is_tried_again(serve, attach, connect, path, error):
     sender = serve(path)
     tracer = attach(sender, f"accept:error={error}:when=1..3")
     expect_whole(sender, connect(sender), path)
     assert tracer.injected() == 3
+
+
+@pytest.mark.parametrize("error", PASSING_ACCEPT_ERRORS)
+def test_an_accept_that_may_fail_forgets_the_receiver_that_was_there(
+    serve, attach, connect, path, error
+):
+    sender = serve(path)
+    older = connect(sender)
+    assert older.read_exactly(len(DATA)) == DATA
+    tracer = attach(sender, f"accept:error={error}:when=1")
+    connect(sender)
+    sender.expect(
+        ABORTED,
+        echo(path, sender.address),
+        fatal("Assertion failed: conn_fd_ != retired_fd", "tcp_engine.h"),
+    )
+    assert tracer.injected() == 1
+    assert older.read_to_end() == b""
 
 
 @pytest.mark.parametrize(
@@ -479,10 +613,12 @@ def test_any_other_error_of_accept_is_fatal(serve, attach, connect, path, error,
 @pytest.mark.parametrize(
     "fault, text, header",
     [
+        ("fcntl:error=EBADF:when=1", NOT_INHERITABLE, "tcp_engine.h"),
         ("fcntl:error=EINVAL:when=1", NOT_INHERITABLE, "tcp_engine.h"),
+        ("fcntl:error=EPERM:when=1", NOT_INHERITABLE, "tcp_engine.h"),
         ("epoll_ctl:error=ENOSPC:when=1", "No space left on device", "epoll.h"),
         ("epoll_ctl:error=ENOMEM:when=2", OUT_OF_MEMORY, "epoll.h"),
-        *([] if SANITIZER else WAKEUP_WRITES),
+        *WAKEUP_WRITES,
     ],
 )
 def test_a_receiver_that_cannot_be_taken_up_is_fatal(
@@ -621,6 +757,37 @@ def test_an_error_of_a_datagram_ends_the_sending(
     assert sender.injected() == 1
 
 
+RETRIES = slow(0, 10240) + "Using poll wait to send 10240 bytes.\n" * 2
+
+
+@pytest.mark.parametrize(
+    "fault, output, others",
+    [
+        # Nothing in the way of a retry: without a destination it is refused.
+        ("sendto:retval=100:when=2", slow(100, 10140) + "socket error\n", []),
+        # Retries that lack room or are interrupted, then the one that is refused.
+        ("sendto:error=EAGAIN:when=2..4", RETRIES + "socket error\n", []),
+        ("sendto:error=EINTR:when=2..4", RETRIES + "socket error\n", []),
+        # A retry of which the system says that it took all: no error, the rest leaves.
+        ("sendto:retval=5120:when=2..3", slow(5120, 5120), MESSAGES[2:]),
+    ],
+)
+def test_a_datagram_on_the_slow_path_is_retried_until_a_send_settles_it(
+    faulty, path, receiver, udp_echo, fault, output, others
+):
+    sender = faulty(
+        [fault], "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
+    )
+    expected = [*MESSAGES[:1], *others]
+    assert_same(receiver.receive(len(expected)), expected)
+    sender.wait_for_output(output.splitlines()[-1])
+    sender.wait_for_progress([sender.pid])
+    sender.stop()
+    assert receiver.is_quiet()
+    sender.expect(0, udp_echo(path) + output)
+    assert sender.injected() >= 1
+
+
 def test_an_interest_that_cannot_be_taken_back_is_fatal(serve, attach, connect, path):
     """Behind a socket error: the connection's third registration call."""
     sender = serve(path)
@@ -634,7 +801,7 @@ def test_an_interest_that_cannot_be_taken_back_is_fatal(serve, attach, connect, 
     assert tracer.injected() == 2
 
 
-@pytest.mark.parametrize("error", ["EINTR", "EIO"])
+@pytest.mark.parametrize("error", ["EBADF", "EINTR", "EIO", "ENOSPC"])
 def test_closes_that_fail_at_the_end_change_nothing(serve, attach, connect, path, error):
     """The wake-up, the listener, the connection and the poller."""
     sender = serve(path)
@@ -665,3 +832,102 @@ def test_a_registration_that_cannot_be_removed_at_the_end_is_fatal(faulty, path,
         fatal("No such file or directory", "epoll.h"),
     )
     assert sender.injected() == 1
+
+
+# ------------------------------------------------------------- closed standard streams
+
+
+class StreamlessSender(Sender):
+    """A sender that starts with these of its descriptors 0, 1 and 2 closed, so that its
+    first ones get their numbers."""
+
+    def __init__(self, directory, words, closed, port):
+        self.port = port
+        closings = " ".join(f"{number}>&-" for number in closed)
+        shell = ["/bin/sh", "-c", f'exec "$@" {closings}', "sh"]
+        Program.__init__(self, directory, [*shell, BINARY, *words])
+
+    def end(self):
+        """Both threads get time for more; then one stop."""
+        self.wait_until(lambda: len(self.threads()) == 2, "the sending thread")
+        self.wait_for_progress()
+        self.signal(signal.SIGINT)
+
+
+@pytest.fixture
+def streamless(tmp_path):
+    """streamless(closed, *words, port=) is a StreamlessSender."""
+    senders = []
+
+    def run(closed, *words, port):
+        words = [*map(str, words), "--port", str(port)]
+        senders.append(StreamlessSender(tmp_path, words, closed, port))
+        return senders[-1]
+
+    yield run
+    for sender in senders:
+        sender.kill()
+
+
+CLOSED = ["".join(each) for n in (1, 2, 3) for each in itertools.combinations("012", n)]
+
+
+@pytest.mark.parametrize("closed", CLOSED)
+def test_no_text_for_a_closed_stream_gets_into_a_datagram(
+    streamless, path, receiver, udp_echo, closed
+):
+    words = ("--filepath", path, "--protocol", "udp", "--debug", "1")
+    sender = streamless(closed, *words, port=receiver.port)
+    assert_same(receiver.receive(len(MESSAGES)), MESSAGES)
+    sender.end()
+    sender.expect(0, "" if "1" in closed else udp_echo(path) + debug_dump(MESSAGES))
+    assert receiver.is_quiet()
+
+
+@pytest.mark.parametrize("closed", CLOSED)
+def test_no_text_for_a_closed_stream_gets_into_a_connection(
+    streamless, connect, path, port, closed
+):
+    words = ("--filepath", path, "--debug", "1")
+    sender = streamless(closed, *words, port=port)
+    sender.wait_until_listening()
+    receiver = connect(sender)
+    assert receiver.read_exactly(len(DATA)) == DATA
+    sender.end()
+    shown = echo(path, sender.address) + debug_dump(MESSAGES)
+    sender.expect(0, "" if "1" in closed else shown)
+    assert receiver.read_to_end() == b""
+
+
+@pytest.mark.parametrize("preload", [0, 1])
+@pytest.mark.parametrize("closed", [each for each in CLOSED if "2" in each])
+def test_a_notice_for_a_closed_standard_error_is_lost_and_nothing_else(
+    streamless, connect, data_file, port, closed, preload
+):
+    """A frame that is too short is told when the capture has been read."""
+    frames = [tcp(b"one "), tcp(b"cut off").truncated(40), tcp(b"two ")]
+    path = data_file(pcap(frames), "a capture.pcap")
+    words = ("--filepath", path, "--filetype", "1", "--filter", "tcp", "--preload", preload)
+    sender = streamless(closed, *words, port=port)
+    sender.wait_until_listening()
+    receiver = connect(sender)
+    assert receiver.read_exactly(8) == (b"two one " if preload else b"one two ")
+    sender.end()
+    shown = echo(path, sender.address, filetype=1, filter="tcp") + reading(path)
+    sender.expect(0, "" if "1" in closed else shown)
+    assert receiver.read_to_end() == b""
+
+
+@pytest.mark.parametrize("closed", CLOSED)
+def test_a_fatal_end_is_one_with_closed_streams_too(streamless, path, closed):
+    """The port is in use: a listener's number may be the closed stream's."""
+    with socket.socket() as other:
+        other.bind((LOCALHOST, 0))
+        other.listen()
+        taken = other.getsockname()[1]
+        sender = streamless(closed, "--filepath", path, port=taken)
+        sender.expect(
+            ABORTED,
+            "" if "1" in closed else echo(path, sender.address),
+            "" if "2" in closed else fatal(NO_ENDPOINT, "tcp_replay.h"),
+        )

@@ -1,0 +1,37 @@
+"""Programs that are halted for a while: what a test does meanwhile happens, for them,
+between two instructions, however long it takes."""
+
+import contextlib
+import os
+from signal import SIGCONT, SIGSTOP
+
+
+def all_stopped(program):
+    """Each of its threads; one that works on is not seen in the process's own state."""
+    tasks = f"/proc/{program.pid}/task"
+    return all(state_of(f"{tasks}/{task}") in "TX" for task in os.listdir(tasks))
+
+
+def state_of(task):
+    try:
+        with open(f"{task}/stat") as stat:
+            return stat.read().rpartition(")")[2].split()[0]
+    except (FileNotFoundError, ProcessLookupError):
+        return "X"  # it has ended
+
+
+def halt(program):
+    program.signal(SIGSTOP)
+    program.wait_until(lambda: all_stopped(program), "every thread halted")
+
+
+def go_on(program):
+    program.signal(SIGCONT)
+
+
+@contextlib.contextmanager
+def held(program):
+    """Halted in this scope. What fails there leaves it so, to be killed."""
+    halt(program)
+    yield program
+    go_on(program)
