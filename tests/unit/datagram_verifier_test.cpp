@@ -1199,7 +1199,7 @@ void expect_only_strangers(uint64_t messages, uint64_t strangers)
     const auto start = support::processor_time();
     const verification result = verified(list, arrivals, 4096);
 
-    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(200));
     EXPECT_EQ(result.matched_messages, 0u);
     EXPECT_EQ(result.count(fault_kind::duplicated), 0u);
     EXPECT_EQ(result.count(fault_kind::reordered), 0u);
@@ -1505,7 +1505,7 @@ TEST(DatagramVerifier, TakesAHundredThousandEqualMessagesInGoodTime)
 {
     const auto start = support::processor_time();
     EXPECT_EQ(all_equal(100000, 99990).count(fault_kind::lost), 10u);
-    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(200));
 }
 
 // ------------------------------------------------------- more than a window at once

@@ -981,7 +981,7 @@ verification play_large(const payload& source, const payload& stream)
         SCOPED_TRACE("parts of " + std::to_string(length));
         expect_same(take(messages, stream, parts_of(length)).result, whole.result);
     }
-    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(200));
     return whole.result;
 }
 
@@ -1053,7 +1053,7 @@ TEST(StreamVerifier, GivesUpBehindMoreThanAMebibyte)
         told(all.result.faults),
         ElementsAre("altered 5000 x" + std::to_string(stream.size() - 5000)));
     EXPECT_EQ(all.result.matched_bytes, 5000u);
-    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(200));
 }
 
 TEST(StreamVerifier, GivesUpOnAnotherStreamAltogether)
@@ -1362,7 +1362,7 @@ TEST(StreamVerifier, FindsTheWayThroughLongZerosInGoodTime)
         EXPECT_EQ(
             all.result.faults.front().offset, support::first_difference(source, stream));
     }
-    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(60));
+    EXPECT_LT(support::processor_time() - start, std::chrono::seconds(200));
 }
 
 // Random patterns.
