@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "clock.h"
+#include "common.h"
 #include "csv.h"
 #include "json.h"
 #include "options.h"
@@ -209,6 +210,7 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    vesk::details::hold_closed_streams();
     try {
         return run(argc, argv);
     } catch (const usage_end& end) {

@@ -15,6 +15,7 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -23,9 +24,12 @@
 #include <vector>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <pcap/pcap.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #define likely(x) __builtin_expect(!!(x), 1)
 #define unlikely(x) __builtin_expect(!!(x), 0)
@@ -175,6 +179,24 @@ using PROTOTYPE = details::ProtocolType;
 }
 
 namespace details {
+
+// Opens /dev/null in the place of each standard stream that the caller left closed, or
+// the next file or socket would get its number, and then what is written to the stream.
+// It is opened the wrong way round: using the stream fails as before. For the start of
+// main().
+inline void hold_closed_streams()
+{
+    pollfd streams[] = {
+        {STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
+    (void)::poll(streams, std::size(streams), 0); // if it fails, none counts as closed
+    for (const pollfd& stream : streams) {
+        if ((stream.revents & POLLNVAL) == 0)
+            continue;
+        // It gets the lowest free number, which is this stream's.
+        const int mode = stream.fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        (void)::open("/dev/null", mode); // if it fails, the stream stays as it was
+    }
+}
 
 // What the C library's atoi gives, without its undefined cases: the number at
 // the start of `text`, 0 when there is none, held to 64 bits and cut to 32.

@@ -163,6 +163,7 @@ std::string program_name(int argc, char** argv)
 // NOLINTNEXTLINE(bugprone-exception-escape): the runtime's report is the user's
 int main(int argc, char** argv)
 {
+    vesk::details::hold_closed_streams();
     const std::string progName = program_name(argc, argv);
     settings s;
     if (const char* word = parse_options(argc, argv, s)) {

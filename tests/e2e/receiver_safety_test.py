@@ -1,6 +1,7 @@
 """What must not happen to whoever runs the receiver: a run that never ends, a file
 that is gone, names that cannot be meant, a progress line that nobody reads."""
 
+import json
 import os
 import random
 import signal
@@ -127,6 +128,16 @@ def test_the_previous_file_stays_when_the_run_never_starts(receive, tmp_path, po
 )
 def test_names_that_cannot_be_meant_are_wrong_use(receive, words):
     receive(*words, json=False).expect_refusal(2, words[0])
+
+
+def test_no_text_for_a_closed_stream_gets_into_a_file(receive, data_file):
+    """The result's file is the first that is opened: it would get a closed one's number."""
+    words = ("--plan", "--filepath", data_file(b"x" * 20480))
+    runs = [receive(*words), receive(*words, preexec_fn=lambda: os.closerange(0, 3))]
+    assert [run.wait() for run in runs] == [0, 6]  # a summary that cannot be written
+    plain, closed = [json.loads(run.json_path.read_text()) for run in runs]
+    assert plain.pop("command") != closed.pop("command")  # each has a file of its own
+    assert plain == closed
 
 
 def test_a_low_rate_is_no_silence(receive, serve, data_file):

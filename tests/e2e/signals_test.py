@@ -35,6 +35,7 @@ from conftest import (
     debug_dump,
     echo,
     pieces,
+    random_bytes,
 )
 from stoppable_runs import (
     KINDS,
@@ -43,7 +44,6 @@ from stoppable_runs import (
     Reader,
     a_capture,
     a_file,
-    random_bytes,
     summary,
 )
 from tcp_run_test import (  # noqa: F401: fixtures, and what tells of the slow path
@@ -52,7 +52,7 @@ from tcp_run_test import (  # noqa: F401: fixtures, and what tells of the slow p
 )
 from udp_receiver import UdpReceiver
 
-MOMENTS = int(os.environ.get("REPLAY_SIGNALS", 120))
+MOMENTS = int(os.environ.get("REPLAY_SIGNALS", 40 if SANITIZER else 120))
 SEED = int(os.environ.get("REPLAY_SEED") or random.SystemRandom().randrange(2**32))
 RECORD = os.environ.get("REPLAY_SIGNALS_RECORD")
 

@@ -838,25 +838,28 @@ def test_a_registration_that_cannot_be_removed_at_the_end_is_fatal(faulty, path,
 
 
 class StreamlessSender(Sender):
-    """A sender that starts with these of its descriptors 0, 1 and 2 closed, so that its
-    first ones get their numbers."""
+    """A sender that starts with these of its descriptors 0, 1 and 2 closed."""
 
     def __init__(self, directory, words, closed, port):
         self.port = port
+        self.closed = closed
         closings = " ".join(f"{number}>&-" for number in closed)
         shell = ["/bin/sh", "-c", f'exec "$@" {closings}', "sh"]
-        Program.__init__(self, directory, [*shell, BINARY, *words])
+        Program.__init__(self, directory, [*shell, BINARY, *words], cwd=directory)
 
     def end(self):
         """Both threads get time for more; then one stop."""
         self.wait_until(lambda: len(self.threads()) == 2, "the sending thread")
         self.wait_for_progress()
+        for number in self.closed:
+            held = os.readlink(f"/proc/{self.pid}/fd/{number}")
+            assert held == "/dev/null", f"descriptor {number} is {held}"
         self.signal(signal.SIGINT)
 
 
 @pytest.fixture
 def streamless(tmp_path):
-    """streamless(closed, *words, port=) is a StreamlessSender."""
+    """streamless(closed, *words, port=) is a StreamlessSender in the test's folder."""
     senders = []
 
     def run(closed, *words, port):
@@ -904,9 +907,10 @@ def test_no_text_for_a_closed_stream_gets_into_a_connection(
 def test_a_notice_for_a_closed_standard_error_is_lost_and_nothing_else(
     streamless, connect, data_file, port, closed, preload
 ):
-    """A frame that is too short is told when the capture has been read."""
+    """A frame that is too short is told when the capture has been read. The name's eight
+    bytes are written by themselves: an eventfd would take them for a number."""
     frames = [tcp(b"one "), tcp(b"cut off").truncated(40), tcp(b"two ")]
-    path = data_file(pcap(frames), "a capture.pcap")
+    path = data_file(pcap(frames), "day.pcap").name
     words = ("--filepath", path, "--filetype", "1", "--filter", "tcp", "--preload", preload)
     sender = streamless(closed, *words, port=port)
     sender.wait_until_listening()
