@@ -11,7 +11,7 @@ import subprocess
 import pytest
 
 import capture_builder as build
-from conftest import LOCALHOST, debug_dump, echo, uncaught
+from conftest import LOCALHOST, debug_dump, echo, random_bytes, uncaught
 from udp_receiver import (  # noqa: F401: most of these are fixtures
     make_receiver,
     receiver,
@@ -23,10 +23,6 @@ from udp_receiver import (  # noqa: F401: most of these are fixtures
 )
 
 CAPTURE = ("--filetype", "1", "--filter")
-
-
-def random_bytes(count, seed=1):
-    return random.Random(seed).randbytes(count)
 
 
 def reading(path, link_type="EN10MB Ethernet"):

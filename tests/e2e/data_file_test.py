@@ -2,7 +2,6 @@
 how a path that cannot be replayed ends the program."""
 
 import os
-import random
 import signal
 
 import pytest
@@ -13,12 +12,9 @@ from conftest import (
     debug_dump,
     echo,
     pieces,
+    random_bytes,
     uncaught,
 )
-
-
-def random_bytes(count, seed=1):
-    return random.Random(seed).randbytes(count)
 
 
 @pytest.fixture

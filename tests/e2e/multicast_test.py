@@ -1,6 +1,5 @@
 """Multicast and slow links, between two hosts made of network namespaces."""
 
-import random
 import shutil
 import signal
 import socket
@@ -10,15 +9,11 @@ import time
 import pytest
 
 import capture_builder as build
-from conftest import echo, pieces
+from conftest import echo, pieces, random_bytes
 from network_namespace import hosts, run  # noqa: F401: a fixture
 from udp_receiver import assert_same, make_receiver  # noqa: F401: a fixture
 
 GROUP = "239.1.1.1"
-
-
-def random_bytes(count, seed=1):
-    return random.Random(seed).randbytes(count)
 
 
 @pytest.fixture

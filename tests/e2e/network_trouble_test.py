@@ -26,10 +26,10 @@ import capture_builder as build
 import fault_relay as relay
 from bad_cable import bad_cable  # noqa: F401: a fixture
 from capture_test import reading
-from conftest import DEADLINE, MESSAGE_SIZE, Receiver, debug_dump, echo, pieces
+from conftest import DEADLINE, MESSAGE_SIZE, Receiver, debug_dump, echo, pieces, random_bytes
 from halting import go_on, halt, held
 from network_namespace import hosts, introduce, lay_cable, run  # noqa: F401: a fixture
-from replay_receiver import random_bytes, receive, totals  # noqa: F401: a fixture
+from replay_receiver import receive, totals  # noqa: F401: a fixture
 from tcp_run_test import waits_in_kernel
 
 PORT = 5000  # free in a namespace of the test's own

@@ -15,14 +15,13 @@ import tempfile
 
 import pytest
 
-from conftest import BINARY, LOCALHOST, Program, Sender, echo, fatal, pieces
+from conftest import BINARY, LOCALHOST, Program, Sender, echo, fatal, pieces, random_bytes
 from network_namespace import hosts, run  # noqa: F401: hosts is a fixture
 from replay_receiver import (  # noqa: F401: udp_port is a fixture
     PATIENT,
     RECEIVER,
     ReplayReceiver,
     Result,
-    random_bytes,
     udp_port,
 )
 from udp_receiver import assert_same, make_receiver  # noqa: F401: make_receiver is a fixture

@@ -5,12 +5,11 @@ import pytest
 
 import capture_builder as build
 import fault_relay as relay
-from conftest import MESSAGE_SIZE, pieces
+from conftest import MESSAGE_SIZE, pieces, random_bytes
 from fault_relay import tcp_relay, udp_relay  # noqa: F401: fixtures
 from replay_receiver import (  # noqa: F401: most of these are fixtures
     QUICK,
     both,
-    random_bytes,
     receive,
     totals,
     udp_port,

@@ -10,11 +10,10 @@ import subprocess
 import pytest
 
 import capture_builder as build
-from conftest import LOCALHOST, pieces
+from conftest import LOCALHOST, pieces, random_bytes
 from replay_receiver import (  # noqa: F401: fixtures and more
     RECEIVER,
     Result,
-    random_bytes,
     receive,
     totals,
 )

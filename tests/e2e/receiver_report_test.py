@@ -10,11 +10,10 @@ import shutil
 
 import pytest
 
-from conftest import DEADLINE, MESSAGE_SIZE
+from conftest import DEADLINE, MESSAGE_SIZE, random_bytes
 from replay_receiver import (  # noqa: F401: most of these are fixtures
     QUICK,
     both,
-    random_bytes,
     receive,
     udp_port,
 )

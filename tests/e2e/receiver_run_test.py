@@ -19,7 +19,7 @@ import pytest
 
 import capture_builder as build
 import fault_relay as relay
-from conftest import DEADLINE, LOCALHOST, pieces
+from conftest import DEADLINE, LOCALHOST, pieces, random_bytes
 from fault_relay import tcp_relay, udp_relay  # noqa: F401: fixtures
 from network_namespace import hosts  # noqa: F401: a fixture
 from replay_receiver import (  # noqa: F401: most of these are fixtures
@@ -27,7 +27,6 @@ from replay_receiver import (  # noqa: F401: most of these are fixtures
     as_nobody,
     both,
     captured_payloads,
-    random_bytes,
     read_capture,
     read_frame,
     receive,

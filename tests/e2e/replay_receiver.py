@@ -28,10 +28,6 @@ PATIENT = ("--settle", "0.05", "--idle", "10")
 KINDS = ("lost", "duplicated", "reordered", "altered", "truncated", "unexpected")
 
 
-def random_bytes(count, seed=1):
-    return random.Random(seed).randbytes(count)
-
-
 # ------------------------------------------------------------ what a run says
 
 

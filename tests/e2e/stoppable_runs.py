@@ -10,22 +10,17 @@ import dataclasses
 import itertools
 import json
 import math
-import random
 import socket
 import sys
 import threading
 import time
 
 import capture_builder as build
-from conftest import DEADLINE, LOCALHOST, MESSAGE_SIZE, Receiver, pieces
+from conftest import DEADLINE, LOCALHOST, MESSAGE_SIZE, Receiver, pieces, random_bytes
 from udp_receiver import UdpReceiver
 
 GROUP = "239.1.1.1"
 PHASES = ("start", "middle", "end")  # of a run, in which a stop may fall
-
-
-def random_bytes(count, seed=1):
-    return random.Random(seed).randbytes(count)
 
 
 # ------------------------------------------------------------------ the recordings

@@ -2,7 +2,6 @@
 receivers that misbehave or are replaced, endpoints, memory and pacing."""
 
 import os
-import random
 import re
 import resource
 import signal
@@ -22,6 +21,7 @@ from conftest import (
     fatal,
     is_listening,
     not_with,
+    random_bytes,
 )
 
 MEGABYTE = 1 << 20
@@ -30,10 +30,6 @@ PROMPTLY = 15  # seconds; a stop takes about a tenth of one
 
 # What the queue holds when it is full.
 QUEUE_BYTES = 1024 * MESSAGE_SIZE
-
-
-def random_bytes(count):
-    return random.Random(count).randbytes(count)
 
 
 class Drain(threading.Thread):

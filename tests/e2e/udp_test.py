@@ -1,13 +1,12 @@
 """Data files over UDP: one datagram per message, every option, and how a target
 or a device that cannot be used ends the sending or the program."""
 
-import random
 import signal
 import time
 
 import pytest
 
-from conftest import LOCALHOST, debug_dump, echo, fatal, pieces, uncaught
+from conftest import LOCALHOST, debug_dump, echo, fatal, pieces, random_bytes, uncaught
 from udp_receiver import (  # noqa: F401: most of these are fixtures
     assert_same,
     make_receiver,
@@ -19,10 +18,6 @@ from udp_receiver import (  # noqa: F401: most of these are fixtures
     unprivileged,
     witness,
 )
-
-
-def random_bytes(count, seed=1):
-    return random.Random(seed).randbytes(count)
 
 
 # -------------------------------------------------------------- what is sent
