@@ -97,7 +97,7 @@ CLI::Option* describe(
 
 // The parser's own conversions take what is too large for the largest number, and a
 // leading zero for octal, which the sender does not.
-CLI::Validator whole()
+CLI::Validator whole_number()
 {
     return {
         [](std::string& text) {
@@ -140,7 +140,7 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
         app.add_option("--ip", to.ip), group, "ADDRESS",
         "connect to it; UDP: listen on it (127.0.0.1)");
     describe(app.add_option("--port", raw.port), group, "N", "its port (9089)")
-        ->transform(whole())
+        ->transform(whole_number())
         ->check(quiet(CLI::Range(1, 65535)));
     describe(
         app.add_option("--filepath", to.source.path), group, "PATH",
@@ -148,7 +148,7 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--filetype", raw.filetype), group, "0|1",
         "0: data files, 1: captures (0)")
-        ->transform(whole())
+        ->transform(whole_number())
         ->check(quiet(CLI::Range(0, 1)));
     describe(
         app.add_option("--filter", to.source.filter), group, "TEXT",
@@ -156,7 +156,7 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--loopback", raw.passes), group, "N",
         "passes, 0: without end (1)")
-        ->transform(whole())
+        ->transform(whole_number())
         ->check(quiet(CLI::Range(
             int64_t{std::numeric_limits<int32_t>::min()},
             int64_t{std::numeric_limits<uint32_t>::max()})));
@@ -170,9 +170,9 @@ void add_sender_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--preload", raw.preload), group, "0|1",
         "1: expect the order that this gives (0)")
-        ->transform(whole());
+        ->transform(whole_number());
     describe(app.add_option("--debug", raw.debug), group, "N", "taken and ignored")
-        ->transform(whole());
+        ->transform(whole_number());
 }
 
 void add_own_options(CLI::App& app, options& to, raw_values& raw)
@@ -185,13 +185,13 @@ void add_own_options(CLI::App& app, options& to, raw_values& raw)
     describe(
         app.add_option("--rcvbuf", raw.receive_buffer), group, "BYTES",
         "receive buffer, also as 8k, 64M\n(UDP: 64M, TCP: the kernel's choice)")
-        ->transform(whole())
+        ->transform(whole_number())
         ->transform(quiet(CLI::AsSizeValue(false)))
         ->check(positive());
     describe(
         app.add_option("--window", raw.window), group, "N",
         "messages to look around for a lost place\n(4096)")
-        ->transform(whole())
+        ->transform(whole_number())
         ->check(quiet(CLI::Range(1, 1 << 20)));
     describe(
         app.add_option("--tolerance", to.tolerance_percent), group, "PERCENT",
@@ -213,10 +213,10 @@ void add_end_options(CLI::App& app, options& to, raw_values& raw)
     describe(app.add_option("--duration", raw.duration), group, "SECONDS", "in all")
         ->check(positive());
     describe(app.add_option("--messages", raw.messages), group, "N", "after so many")
-        ->transform(whole())
+        ->transform(whole_number())
         ->check(positive());
     describe(app.add_option("--bytes", raw.bytes), group, "N", "after so many")
-        ->transform(whole())
+        ->transform(whole_number())
         ->transform(quiet(CLI::AsSizeValue(false)))
         ->check(positive());
 }

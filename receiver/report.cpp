@@ -24,7 +24,7 @@ namespace receiver {
 
 namespace {
 
-constexpr size_t FAULTS_SHOWN = 200;
+constexpr size_t FAULTS_ON_PAGE = 200;
 
 std::string none(std::string_view words)
 {
@@ -72,10 +72,10 @@ std::string figure(std::string_view chart)
     return fmt::format("<figure>\n{}</figure>\n", chart);
 }
 
-using cells = std::vector<std::string>;
+using texts = std::vector<std::string>;
 
 // Figures side by side, each below its name; in as many lines as it takes.
-std::string figures(const cells& names, const cells& values)
+std::string figures(const texts& names, const texts& values)
 {
     std::string text = "<dl class=\"figures\">\n";
     for (size_t i = 0; i < names.size(); ++i)
@@ -99,9 +99,9 @@ std::string rate_part(const run_result& run)
            figure(rate_chart(run.measured, run.wanted_bps));
 }
 
-const cells& distribution_names()
+const texts& distribution_names()
 {
-    static const cells NAMES = {"min", "p50", "p90", "p99", "p99.9", "max"};
+    static const texts NAMES = {"min", "p50", "p90", "p99", "p99.9", "max"};
     return NAMES;
 }
 
@@ -109,7 +109,7 @@ std::string gaps_part(const distribution& gaps)
 {
     if (gaps.count == 0)
         return none("It takes two arrivals to make a gap.");
-    cells values;
+    texts values;
     for (const uint64_t value :
          {gaps.min, gaps.p50, gaps.p90, gaps.p99, gaps.p999, gaps.max})
         values.push_back(duration_text(value, MICRO));
@@ -121,7 +121,7 @@ std::string gaps_part(const distribution& gaps)
 
 std::string sizes_part(const distribution& sizes)
 {
-    cells values;
+    texts values;
     for (const uint64_t value :
          {sizes.min, sizes.p50, sizes.p90, sizes.p99, sizes.p999, sizes.max})
         values.push_back(grouped(value));
@@ -174,8 +174,8 @@ std::string fault_row(const run_result& run, const fault& found)
 
 std::string fault_counts(const run_result& run)
 {
-    const cells names(FAULT_NAMES.begin(), FAULT_NAMES.end());
-    cells values;
+    const texts names(FAULT_NAMES.begin(), FAULT_NAMES.end());
+    texts values;
     for (const uint64_t count : run.verified.counts)
         values.push_back(grouped(count));
     return figures(names, values);
@@ -186,7 +186,7 @@ std::string faults_part(const run_result& run)
     const verification& seen = run.verified;
     if (not_compared(run) || seen.fault_count == 0)
         return "";
-    const size_t shown = std::min(seen.faults.size(), FAULTS_SHOWN);
+    const size_t shown = std::min(seen.faults.size(), FAULTS_ON_PAGE);
     std::string text = fmt::format(
         "<section id=\"faults\" class=\"long\">\n<h2>Faults</h2>\n"
         "<p>{} in all; counted in {}</p>\n{}"

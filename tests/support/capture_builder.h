@@ -53,10 +53,10 @@ struct frame_parts {
     uint32_t acknowledgement{0};              // TCP
 };
 
-inline frame make_frame(const std::string& headers, const std::string& payload)
+inline frame make_frame(const std::string& headers, const std::string& content)
 {
-    const auto length = static_cast<uint32_t>(headers.size() + payload.size());
-    return {headers + payload, length, length, payload};
+    const auto length = static_cast<uint32_t>(headers.size() + content.size());
+    return {headers + content, length, length, content};
 }
 
 inline std::string ethernet_header(uint16_t type, bool vlan = false)

@@ -14,7 +14,7 @@
 #include "support/call_seam.h"
 #include "support/sockets.h"
 
-namespace {
+namespace call_seam_test {
 
 namespace call = support::call;
 using support::socket_pair;
@@ -211,4 +211,4 @@ TEST(CallSeam, TheThirdArgumentOfAVariadicCallReachesTheHook)
     EXPECT_EQ(argument, FD_CLOEXEC);
 }
 
-} // namespace
+} // namespace call_seam_test

@@ -12,7 +12,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace clock_fault_test {
 
 namespace call = support::call;
 
@@ -127,4 +127,4 @@ TEST_F(ClockFault, SetBackBehindTheStartOfTheRunItEndsThePacing)
     EXPECT_EQ(vesk::stats.skip_length, 2305833008213u - 1000u * SIZE);
 }
 
-} // namespace
+} // namespace clock_fault_test

@@ -15,7 +15,7 @@
 #include "support/scratch_dir.h"
 #include "support/socket_trace.h"
 
-namespace {
+namespace common_edges_test {
 
 namespace call = support::call;
 using vesk::details::file_helper;
@@ -127,4 +127,4 @@ TEST(PcapHelperEdges, OnlyAllZerosAndAllOnesAreBroadcastAddresses)
     EXPECT_EQ(passed, (std::vector<std::string>{"00000000", "ffffffff"}));
 }
 
-} // namespace
+} // namespace common_edges_test

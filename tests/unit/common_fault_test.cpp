@@ -20,13 +20,15 @@
 #include "support/output_capture.h"
 #include "support/scanner_ends.h"
 #include "support/scratch_dir.h"
+#include "support/thrown.h"
 
-namespace {
+namespace common_fault_test {
 
 namespace call = support::call;
 using support::capture_bytes;
 using support::outcomes_of_each_failing_allocation;
 using support::sample_bytes;
+using support::text_thrown_by;
 using support::udp_frame;
 using support::write_file;
 using testing::AnyOf;
@@ -45,17 +47,6 @@ using texts_t = std::vector<std::string>;
 
 constexpr std::ios_base::openmode INPUT = std::ios_base::in | std::ios_base::binary;
 constexpr char BAD_ALLOC[] = "std::bad_alloc";
-
-template <class Action>
-std::string text_thrown_by(Action action)
-{
-    try {
-        action();
-    } catch (const vesk_ex& error) {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
 
 // The pauses between two tries take no time here, and no signal cuts them short.
 class no_pauses {
@@ -505,4 +496,4 @@ TEST_F(CommonFault, OutOfMemoryACaptureIsReadWholeOrEndsAsAnyOtherFault)
     EXPECT_EQ(texts.back(), "");
 }
 
-} // namespace
+} // namespace common_fault_test

@@ -38,7 +38,7 @@
 #include "support/call_seam.h"
 #include "support/scratch_dir.h"
 
-namespace {
+namespace common_test {
 
 namespace call = support::call;
 namespace fs = std::filesystem;
@@ -1882,4 +1882,4 @@ TEST_F(FileHelper, ASmallWriteThatFindsNoRoomFailsToo)
 
 TEST_F(FileHelper, WithoutAFileAWriteFails) { EXPECT_FALSE(file_.write("content")); }
 
-} // namespace
+} // namespace common_test

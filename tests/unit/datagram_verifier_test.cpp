@@ -16,7 +16,7 @@
 #include "support/fault_patterns.h"
 #include "support/processor_time.h"
 
-namespace {
+namespace datagram_verifier_test {
 
 using receiver::datagram_verifier;
 using receiver::fault;
@@ -1566,4 +1566,4 @@ TEST(DatagramVerifier, BearsStrangersWithoutEndWhileAMessageIsMissing)
     EXPECT_EQ(verifier.finish(true).count(fault_kind::unexpected), 100000u);
 }
 
-} // namespace
+} // namespace datagram_verifier_test

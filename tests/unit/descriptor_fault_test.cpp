@@ -17,7 +17,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace descriptor_fault_test {
 
 namespace call = support::call;
 using support::socket_trace;
@@ -199,4 +199,4 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         EAGAIN, EINTR, ECONNABORTED, EPROTO, ENOBUFS, ENOMEM, EMFILE, ENFILE));
 
-} // namespace
+} // namespace descriptor_fault_test

@@ -18,7 +18,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace engine_base_test {
 
 namespace call = support::call;
 using support::message;
@@ -581,4 +581,4 @@ TEST(EngineBaseDeathTest, WithoutRoomForNothingTheSlowPathIsFatal)
     EXPECT_FATAL(wait_to_send_nothing(), "Assertion failed: length > 0", "tcp_engine.h");
 }
 
-} // namespace
+} // namespace engine_base_test

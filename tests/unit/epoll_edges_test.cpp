@@ -17,7 +17,7 @@
 #include "support/eventually.h"
 #include "support/sockets.h"
 
-namespace {
+namespace epoll_edges_test {
 
 namespace call = support::call;
 
@@ -117,4 +117,4 @@ TEST(PollerEdges, WhatPrecedesAStopIsSeenBehindTheLoop)
     second.join();
 }
 
-} // namespace
+} // namespace epoll_edges_test

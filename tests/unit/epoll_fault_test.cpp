@@ -22,7 +22,7 @@
 #include "support/fatal.h"
 #include "support/sockets.h"
 
-namespace {
+namespace epoll_fault_test {
 
 namespace call = support::call;
 using support::eventually;
@@ -287,4 +287,4 @@ TEST(EpollFault, ABadAllocOnThePollerThreadEndsTheProcessByAbort)
                     "  what():  std::bad_alloc\n");
 }
 
-} // namespace
+} // namespace epoll_fault_test

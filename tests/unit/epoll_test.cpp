@@ -21,7 +21,7 @@
 #include "support/sockets.h"
 #include "support/threads.h"
 
-namespace {
+namespace epoll_test {
 
 namespace call = support::call;
 using support::eventually;
@@ -823,4 +823,4 @@ TEST(PollerDeathTest, ARegistrationThatCannotBeAllocatedIsFatal)
     EXPECT_FATAL(add(), "FATAL ERROR: OUT OF MEMORY", "epoll.h");
 }
 
-} // namespace
+} // namespace epoll_test

@@ -15,7 +15,7 @@
 
 #include "ip_resover.h"
 
-namespace {
+namespace ip_resover_test {
 
 using vesk::ip_addr_t;
 
@@ -195,4 +195,4 @@ TEST(IpAddr, AnyIsTheWildcardAddressWithPortZero)
     EXPECT_EQ(std::memcmp(&address.ipv4, &expected, sizeof(expected)), 0);
 }
 
-} // namespace
+} // namespace ip_resover_test

@@ -11,7 +11,7 @@
 #include "support/fake_clock.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace pacing_test {
 
 namespace call = support::call;
 using support::fake_clock;
@@ -540,4 +540,4 @@ TEST_F(Pacing, AMessageThatComesLateEarnsItsCreditAnewAndLeavesAtOnce)
     EXPECT_EQ(in_us(now), START_US + 30000);
 }
 
-} // namespace
+} // namespace pacing_test

@@ -17,14 +17,16 @@
 #include "support/call_seam.h"
 #include "support/capture_builder.h"
 #include "support/scratch_dir.h"
+#include "support/thrown.h"
 
-namespace {
+namespace pcap_helper_test {
 
 namespace call = support::call;
 using support::capture_format;
 using support::frame;
 using support::sample_bytes;
 using support::tcp_frame;
+using support::text_thrown_by;
 using support::truncated;
 using support::udp_frame;
 using support::with_lengths;
@@ -109,17 +111,6 @@ payloads_t read_all(pcap_helper& reader)
         payloads.emplace_back(buffer.data(), std::min(length, buffer.size()));
     }
     return payloads;
-}
-
-template <class Action>
-std::string text_thrown_by(Action action)
-{
-    try {
-        action();
-    } catch (const vesk_ex& error) {
-        return error.what();
-    }
-    return "(nothing thrown)";
 }
 
 class PcapHelper : public testing::Test {
@@ -1070,4 +1061,4 @@ TEST_F(PcapHelperHostile, EveryCombinationOfLyingLengthsEndsInBounds)
     }
 }
 
-} // namespace
+} // namespace pcap_helper_test

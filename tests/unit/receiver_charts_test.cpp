@@ -11,7 +11,7 @@
 
 #include "charts.h"
 
-namespace {
+namespace receiver_charts_test {
 
 using namespace receiver;
 using testing::AllOf;
@@ -313,4 +313,4 @@ TEST(ReceiverCharts, ZerosAreABarLeftOfTheAxis)
         drawn, HasSubstr("<path class=\"bars\" d=\"M46.5 286.0v-200.0h49.9v200.0Z\"/>"));
 }
 
-} // namespace
+} // namespace receiver_charts_test

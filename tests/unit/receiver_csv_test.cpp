@@ -3,7 +3,7 @@
 
 #include "csv.h"
 
-namespace {
+namespace receiver_csv_test {
 
 using namespace receiver;
 
@@ -38,4 +38,4 @@ TEST(ReceiverCsv, TimesOfLongRunsKeepTheirNanoseconds)
     EXPECT_NE(intervals_csv(measured).find("\n7200.000000002,1,1,"), std::string::npos);
 }
 
-} // namespace
+} // namespace receiver_csv_test

@@ -10,7 +10,7 @@
 
 #include "format.h"
 
-namespace {
+namespace receiver_format_test {
 
 using namespace receiver;
 using testing::ElementsAre;
@@ -375,4 +375,4 @@ TEST(ReceiverFormat, BarsHoldEveryValueWhateverTheBins)
     }
 }
 
-} // namespace
+} // namespace receiver_format_test

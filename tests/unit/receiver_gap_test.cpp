@@ -12,7 +12,7 @@
 #include "fault_log.h"
 #include "gap.h"
 
-namespace {
+namespace receiver_gap_test {
 
 using namespace receiver;
 using testing::ElementsAre;
@@ -551,4 +551,4 @@ TEST(ReceiverFaultLog, TheFirstFaultIsKeptAlsoWhenItsRunIsOpenToTheEnd)
     EXPECT_EQ(told(result.faults[999]), "altered 1000@1000*1");
 }
 
-} // namespace
+} // namespace receiver_gap_test

@@ -7,7 +7,7 @@
 
 #include "json.h"
 
-namespace {
+namespace receiver_json_test {
 
 using namespace receiver;
 using json = nlohmann::ordered_json;
@@ -262,4 +262,4 @@ TEST(ReceiverJson, TheTextEndsItsLastLine)
     EXPECT_EQ(text.back(), '\n');
 }
 
-} // namespace
+} // namespace receiver_json_test

@@ -17,7 +17,7 @@
 #include "log_linear_axis.h"
 #include "measure.h"
 
-namespace {
+namespace receiver_measure_test {
 
 using namespace receiver;
 using testing::IsEmpty;
@@ -519,4 +519,4 @@ TEST(ReceiverLogLinearAxis, BinsAreExactBelow256AndNarrowAbove)
     }
 }
 
-} // namespace
+} // namespace receiver_measure_test

@@ -13,7 +13,7 @@
 
 #include "meeting_point.h"
 
-namespace {
+namespace receiver_meeting_point_test {
 
 using namespace receiver;
 using sequence_t = std::vector<uint64_t>;
@@ -326,4 +326,4 @@ TEST(ReceiverCommonEnd, SidesThatEndDifferentlyHaveNone)
     EXPECT_EQ(end_of("", ""), (found{0, 0}));
 }
 
-} // namespace
+} // namespace receiver_meeting_point_test

@@ -13,7 +13,7 @@
 
 #include "options.h"
 
-namespace {
+namespace receiver_options_test {
 
 using namespace receiver;
 using testing::HasSubstr;
@@ -644,4 +644,4 @@ TEST(ReceiverOptions, AQuoteInTheCommandIsQuotedItself)
         parse({"--filepath", "it's"}).command, R"(replay_receiver --filepath 'it'\''s')");
 }
 
-} // namespace
+} // namespace receiver_options_test

@@ -13,7 +13,7 @@
 #include "support/capture_builder.h"
 #include "support/scratch_dir.h"
 
-namespace {
+namespace receiver_plan_test {
 
 using namespace receiver;
 using support::capture_bytes;
@@ -270,4 +270,4 @@ TEST_F(ReceiverPlan, AStepThatSaysNoEndsThePlan)
     EXPECT_EQ(result.sha256, digest_of(std::vector<std::string>(result.messages, "abc")));
 }
 
-} // namespace
+} // namespace receiver_plan_test

@@ -10,7 +10,7 @@
 
 #include "progress.h"
 
-namespace {
+namespace receiver_progress_test {
 
 using namespace receiver;
 using testing::EndsWith;
@@ -236,4 +236,4 @@ TEST(ReceiverProgress, ADisabledLineWritesNothing)
     EXPECT_EQ(screen.seen(), "");
 }
 
-} // namespace
+} // namespace receiver_progress_test

@@ -10,7 +10,7 @@
 
 #include "report.h"
 
-namespace {
+namespace receiver_report_test {
 
 using namespace receiver;
 using testing::AllOf;
@@ -399,4 +399,4 @@ TEST(ReceiverReport, WithoutFaultsThereIsNoSuchSection)
     EXPECT_THAT(report_page(two_slices()), Not(HasSubstr("id=\"faults\"")));
 }
 
-} // namespace
+} // namespace receiver_report_test

@@ -7,7 +7,7 @@
 
 #include "run_end.h"
 
-namespace {
+namespace receiver_run_end_test {
 
 using namespace receiver;
 
@@ -246,4 +246,4 @@ TEST(ReceiverRunEnd, SilenceCountsAnewWhenSomethingIsExpectedAgain)
     EXPECT_EQ(end.check(START + 300), end_reason::idle);
 }
 
-} // namespace
+} // namespace receiver_run_end_test

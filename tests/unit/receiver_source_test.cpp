@@ -24,7 +24,7 @@
 #include "support/output_capture.h"
 #include "support/scratch_dir.h"
 
-namespace {
+namespace receiver_source_test {
 
 using namespace receiver;
 using support::capture_bytes;
@@ -1144,4 +1144,4 @@ TEST_F(ReceiverSource, BrokenCapturesGiveWhatTheSendersReaderGives)
     }
 }
 
-} // namespace
+} // namespace receiver_source_test

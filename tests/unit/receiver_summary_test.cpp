@@ -10,7 +10,7 @@
 #include "summary.h"
 #include "support/results.h"
 
-namespace {
+namespace receiver_summary_test {
 
 using namespace receiver;
 using support::as_expected;
@@ -350,4 +350,4 @@ TEST(ReceiverSummary, NoLineOfAPlanIsWiderThanTheTerminal)
         EXPECT_LE(widest_line(plan_text(plan, columns, true)), columns);
 }
 
-} // namespace
+} // namespace receiver_summary_test

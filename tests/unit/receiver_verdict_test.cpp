@@ -6,7 +6,7 @@
 
 #include "verdict.h"
 
-namespace {
+namespace receiver_verdict_test {
 
 using namespace receiver;
 
@@ -226,4 +226,4 @@ TEST(ReceiverVerdict, OfSeveralFindingsTheFirstInOrderWins)
     }
 }
 
-} // namespace
+} // namespace receiver_verdict_test

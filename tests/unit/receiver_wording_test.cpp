@@ -8,7 +8,7 @@
 #include "support/results.h"
 #include "wording.h"
 
-namespace {
+namespace receiver_wording_test {
 
 using namespace receiver;
 using support::as_expected;
@@ -249,4 +249,4 @@ TEST(ReceiverWording, AFaultInAStreamNamesItsOffsetAndItsMessage)
         fault_text(stream(), one), "5,000 bytes truncated (message 3, its byte 20)");
 }
 
-} // namespace
+} // namespace receiver_wording_test

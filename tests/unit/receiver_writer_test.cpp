@@ -21,7 +21,7 @@
 #include "support/scratch_dir.h"
 #include "writer.h"
 
-namespace {
+namespace receiver_writer_test {
 
 using namespace receiver;
 using support::sample_bytes;
@@ -527,4 +527,4 @@ TEST(ReceiverOutputFile, StaysWhenItBeganAndIsEmpty)
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
-} // namespace
+} // namespace receiver_writer_test

@@ -18,7 +18,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace slow_path_fault_test {
 
 namespace call = support::call;
 using testing::Each;
@@ -210,4 +210,4 @@ TEST_F(DatagramFault, EveryOtherErrorOfARetryIsASocketErrorAndDropsThatMessageAl
     }
 }
 
-} // namespace
+} // namespace slow_path_fault_test

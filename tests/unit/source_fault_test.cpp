@@ -19,7 +19,7 @@
 #include "support/output_capture.h"
 #include "support/scratch_dir.h"
 
-namespace {
+namespace source_fault_test {
 
 namespace call = support::call;
 using support::capture_bytes;
@@ -273,4 +273,4 @@ TEST_P(FaultOfReadWithoutAPosition, EndsTheFileBehindTheLastWholeBlock)
 INSTANTIATE_TEST_SUITE_P(
     FromTheStartAndLater, FaultOfReadWithoutAPosition, testing::Bool());
 
-} // namespace
+} // namespace source_fault_test

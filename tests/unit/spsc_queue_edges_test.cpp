@@ -8,7 +8,7 @@
 
 #include "spsc_queue.h"
 
-namespace {
+namespace spsc_queue_edges_test {
 
 using queue_t = vesk::spsc_queue<int, vesk::default_trait>;
 
@@ -73,4 +73,4 @@ TEST_F(SpscQueueSnapshots, WhoSeesItShrinkSeesWhatPrecededTheRemoval)
     expect_data_behind([&] { dequeue(); }, [&] { return queue_.sizeGuess() == 0; });
 }
 
-} // namespace
+} // namespace spsc_queue_edges_test

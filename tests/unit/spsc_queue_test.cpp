@@ -18,7 +18,7 @@
 
 #include "spsc_queue.h"
 
-namespace {
+namespace spsc_queue_test {
 
 using vesk::data_t;
 using vesk::dataBuffer;
@@ -746,4 +746,4 @@ INSTANTIATE_TEST_SUITE_P(
     Capacities, SpscQueueOnTwoThreads, ::testing::Values(1U, 2U, 1024U),
     ::testing::PrintToStringParamName());
 
-} // namespace
+} // namespace spsc_queue_test

@@ -18,7 +18,7 @@
 #include "support/fault_patterns.h"
 #include "support/processor_time.h"
 
-namespace {
+namespace stream_verifier_test {
 
 using receiver::bytes_view;
 using receiver::fault;
@@ -1775,4 +1775,4 @@ TEST(StreamVerifier, IsExhaustedOnlyWhenTheSourceWouldHaveEnded)
     EXPECT_TRUE(verifier.exhausted());
 }
 
-} // namespace
+} // namespace stream_verifier_test

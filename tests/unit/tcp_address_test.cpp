@@ -16,7 +16,7 @@
 
 #include "tcp_address.h"
 
-namespace {
+namespace tcp_address_test {
 
 using vesk::tcp_address_t;
 
@@ -219,4 +219,4 @@ TEST(TcpAddress, HasTheLengthOfAnIpv4SocketAddress)
     EXPECT_EQ(tcp_address_t().addrlen(), 16U);
 }
 
-} // namespace
+} // namespace tcp_address_test

@@ -25,7 +25,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace tcp_engine_fault_test {
 
 namespace call = support::call;
 using support::message;
@@ -790,4 +790,4 @@ TEST_F(UdpEngineFault, AMessageNeedsNoMemoryOnItsWay)
     EXPECT_EQ(support::receive_datagram(own.receiver.get()), "shared");
 }
 
-} // namespace
+} // namespace tcp_engine_fault_test

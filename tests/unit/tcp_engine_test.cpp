@@ -24,7 +24,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace tcp_engine_test {
 
 namespace call = support::call;
 using support::fake_clock;
@@ -1239,4 +1239,4 @@ TEST(TcpEngineDeathTest, ARegistrationThatFailsIsFatal)
     EXPECT_FATAL(statement(), "No space left on device", "epoll.h");
 }
 
-} // namespace
+} // namespace tcp_engine_test

@@ -18,7 +18,7 @@
 #include "support/scratch_dir.h"
 #include "tcp_replay.h"
 
-namespace {
+namespace tcp_replay_edges_test {
 
 using vesk::PROTOTYPE;
 
@@ -182,4 +182,4 @@ TEST(ReplayEdgesDeathTest, AnEmptyListOfNamesIsFatal)
         "Assertion failed: !filename_v_.empty()", "tcp_replay.h");
 }
 
-} // namespace
+} // namespace tcp_replay_edges_test

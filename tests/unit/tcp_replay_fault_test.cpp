@@ -28,32 +28,22 @@
 #include "support/scratch_dir.h"
 #include "support/socket_trace.h"
 #include "support/sockets.h"
+#include "support/thrown.h"
 #include "tcp_replay.h"
 
-namespace {
+namespace tcp_replay_fault_test {
 
 namespace call = support::call;
 using support::process_end;
 using support::sample_bytes;
 using support::tcp_frame;
+using support::text_thrown_by;
 using testing::Ge;
 using testing::SizeIs;
 using vesk::PROTOTYPE;
-using vesk::details::vesk_ex;
 using texts_t = std::vector<std::string>;
 
 constexpr uint64_t NO_LIMIT = 0;
-
-template <class Action>
-std::string text_thrown_by(Action action)
-{
-    try {
-        action();
-    } catch (const vesk_ex& error) {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
 
 class ReplayFault : public support::replay_fixture {
 protected:
@@ -523,4 +513,4 @@ TEST_F(ReplayOutOfMemory, AMissingPathIsReportedOrABadAlloc)
     EXPECT_EQ(ends.back().text(), report);
 }
 
-} // namespace
+} // namespace tcp_replay_fault_test

@@ -28,14 +28,16 @@
 #include "support/scratch_dir.h"
 #include "support/sockets.h"
 #include "support/threads.h"
+#include "support/thrown.h"
 #include "tcp_replay.h"
 
-namespace {
+namespace tcp_replay_test {
 
 namespace call = support::call;
 using support::eventually;
 using support::sample_bytes;
 using support::tcp_frame;
+using support::text_thrown_by;
 using support::udp_frame;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -43,7 +45,6 @@ using testing::SizeIs;
 using vesk::data_t;
 using vesk::dataBuffer;
 using vesk::PROTOTYPE;
-using vesk::details::vesk_ex;
 using texts_t = std::vector<std::string>;
 
 constexpr uint64_t NO_LIMIT = 0;
@@ -82,17 +83,6 @@ uint16_t listening_port()
     const uint16_t port = support::listening_port();
     EXPECT_NE(port, 0) << "nothing listens";
     return port;
-}
-
-template <class Action>
-std::string text_thrown_by(Action action)
-{
-    try {
-        action();
-    } catch (const vesk_ex& error) {
-        return error.what();
-    }
-    return "(nothing thrown)";
 }
 
 // Opens a replay's fields to the tests.
@@ -1064,4 +1054,4 @@ TEST_F(Signals, ARaisedSignalStopsTheRun)
     }
 }
 
-} // namespace
+} // namespace tcp_replay_test

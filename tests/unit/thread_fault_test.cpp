@@ -12,7 +12,7 @@
 #include "support/call_seam.h"
 #include "tcp_replay.h"
 
-namespace {
+namespace thread_fault_test {
 
 namespace call = support::call;
 
@@ -40,4 +40,4 @@ TEST_P(FaultOfPthreadJoin, EndsTheProcessByAbort)
 INSTANTIATE_TEST_SUITE_P(
     EveryError, FaultOfPthreadJoin, testing::Values(EDEADLK, EINVAL, ESRCH));
 
-} // namespace
+} // namespace thread_fault_test

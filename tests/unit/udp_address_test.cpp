@@ -15,7 +15,7 @@
 
 #include "udp_address.h"
 
-namespace {
+namespace udp_address_test {
 
 using vesk::ip_addr_t;
 using vesk::udp_address_t;
@@ -406,4 +406,4 @@ TEST(UdpAddress, AUnicastEndpointAfterAMulticastOneIsNotMulticast)
     EXPECT_EQ(endpoint_of(address.target_addr()), (endpoint{LOCALHOST, {0, 80}}));
 }
 
-} // namespace
+} // namespace udp_address_test

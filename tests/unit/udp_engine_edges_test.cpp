@@ -9,7 +9,7 @@
 #include "support/output_capture.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace udp_engine_edges_test {
 
 namespace call = support::call;
 
@@ -43,4 +43,4 @@ TEST_F(UdpEngineEdges, ADatagramOfNoneAndAnErrorAreNotDumped)
     EXPECT_EQ(dumped(-1), "");
 }
 
-} // namespace
+} // namespace udp_engine_edges_test

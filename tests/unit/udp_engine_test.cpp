@@ -18,7 +18,7 @@
 #include "support/sockets.h"
 #include "tcp_engine.h"
 
-namespace {
+namespace udp_engine_test {
 
 namespace call = support::call;
 using support::fake_clock;
@@ -1144,4 +1144,4 @@ TEST(UdpEngineDeathTest, ARegistrationThatFailsIsFatal)
     EXPECT_FATAL(statement(), "No space left on device", "epoll.h");
 }
 
-} // namespace
+} // namespace udp_engine_test
