@@ -565,9 +565,10 @@ def test_a_tcp_run_over_a_slow_link_arrives_whole(apart, data_file):
 
 
 def test_a_tcp_run_over_a_slow_link_that_drops_goes_on(apart, data_file):
-    """It has room for a few segments, and the sender's host tries for more and more."""
+    """It has room for three segments. The sender's host sends ten at the beginning, and tries
+    for more than three behind each loss."""
     apart.near.set("ipv4/tcp_congestion_control", "reno")
-    limit_link(apart.near, "20mbit", "32kb")
+    limit_link(apart.near, "20mbit", "5kb", burst="4kb")
     path = data_file(random_bytes(MEGABYTE + 77))
     sender = apart.serve(path, *ENDLESS)
     receiver = apart.take(sender)
