@@ -11,12 +11,13 @@ import json
 import os
 import pathlib
 import statistics
+import subprocess
 import sys
 import tempfile
 import time
 
 import harness
-from harness import finish, free_port, start, stop, wait_for
+from harness import free_port, start, stop, wait_for
 
 SOURCE_BYTES = 64 << 20
 FRAMES = 20000
@@ -67,15 +68,23 @@ class Replay:
 
     def end(self):
         """Both exit statuses, and what the receiver says of the run."""
-        received, _ = finish(self.receiver)
+        received = end_of(self.receiver, "receiver")
         self.sender.send_signal(harness.signal.SIGINT)
-        sent, _ = finish(self.sender)
+        sent = end_of(self.sender, "sender")
         return {"sender": sent, "receiver": received}, json.loads(self.json.read_text())
 
     def abandon(self):
         for process in (self.sender, self.receiver):
             if process is not None and process.poll() is None:
                 stop(process, harness.signal.SIGKILL)
+
+
+def end_of(process, name):
+    """The exit status of a program that is to end now."""
+    try:
+        return process.wait(60)
+    except subprocess.TimeoutExpired:
+        raise SystemExit(f"soak: the {name} does not end") from None
 
 
 def look_at(process):

@@ -194,7 +194,8 @@ inline void hold_closed_streams()
             continue;
         // It gets the lowest free number, which is this stream's.
         const int mode = stream.fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
-        (void)::open("/dev/null", mode); // if it fails, the stream stays as it was
+        if (::open("/dev/null", mode) == -1)
+            return; // the next one would get this stream's number
     }
 }
 

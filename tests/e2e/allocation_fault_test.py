@@ -147,8 +147,8 @@ class Run:
 
     def _connect(self):
         if not self.udp and not self.tcp and is_listening(self.port):
-            # The sender may end between that look and this call.
-            with contextlib.suppress(ConnectionRefusedError):
+            # The sender may end between that look and the end of this call.
+            with contextlib.suppress(ConnectionRefusedError, ConnectionResetError):
                 self.tcp = Receiver(self.port)
 
     def _take(self):
@@ -160,8 +160,9 @@ class Run:
 
     def finish(self):
         """Until the sender has ended, stopped if need be; its status."""
-        while self.sender.running() and not self.receive():
-            self.sender.pause()
+        self.sender.wait_until(
+            lambda: self.receive() or not self.sender.running(), "all messages, or the end"
+        )
         self._let_it_spin()
         if self.sender.running():
             self.sender.signal(signal.SIGINT)
@@ -172,9 +173,10 @@ class Run:
     def _let_it_spin(self):
         """Until the main thread holds the run, as its processor time tells, or has
         ended after all."""
-        start = self._time_used()
-        while self.sender.running() and self._time_used() - start < 50_000_000:
-            self.sender.pause()
+        enough = self._time_used() + 50_000_000
+        self.sender.wait_until(
+            lambda: self._time_used() >= enough or not self.sender.running(), "spinning"
+        )
 
     def _time_used(self):
         with contextlib.suppress(FileNotFoundError):

@@ -665,18 +665,22 @@ def test_a_stop_that_interrupts_the_wait_for_a_stalled_receiver_loses_nothing(
 
 # --------------------------------------------------- the signals that change nothing
 
-# Sends the named signals to each of the named processes or threads until standard
-# input ends, and then says how many there were.
+# Sends the named signals to each of the named processes or threads, 2000 at least, until
+# standard input ends. Says when it has begun, and at the end how many there were.
 STORM = """
 import os, select, sys
 numbers, targets = (list(map(int, words.split(","))) for words in sys.argv[1:])
-count = 0
-while not select.select([sys.stdin], [], [], 0)[0]:
-    for _ in range(25):
-        for number in numbers:
-            for target in targets:
-                os.kill(target, number)
-                count += 1
+
+def send():
+    for number in numbers:
+        for target in targets:
+            os.kill(target, number)
+    return len(numbers) * len(targets)
+
+count = send()
+print("begun", flush=True)
+while count < 2000 or not select.select([sys.stdin], [], [], 0)[0]:
+    count += sum(send() for _ in range(25))
 print(count)
 """
 
@@ -691,6 +695,7 @@ def storm(run, *numbers):
         [sys.executable, "-c", STORM, *words],
         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
     ) as other:
+        assert other.stdout.readline() == "begun\n"
         yield counts
         counts.append(int(other.communicate()[0]))
 

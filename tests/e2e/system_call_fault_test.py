@@ -68,7 +68,7 @@ class FaultySender(Sender):
     the calls that concern that file, which may be "stdout".
     """
 
-    def __init__(self, directory, words, faults, path=None, port=None):
+    def __init__(self, directory, words, faults, path=None, port=None, wrapper=()):
         self.port = port
         self.trace = directory / "trace"
         calls = ",".join(fault.partition(":")[0] for fault in faults)
@@ -78,7 +78,7 @@ class FaultySender(Sender):
             tracer += ["-e", f"inject={fault}"]
         if path is not None:
             tracer += ["-P", os.path.join(directory, path)]  # an absolute one stays
-        Program.__init__(self, directory, [*tracer, BINARY, *words])
+        Program.__init__(self, directory, [*tracer, *wrapper, BINARY, *words])
 
     def injected(self):
         """How often a fault came. strace may still be writing when the sender ends."""
@@ -582,13 +582,13 @@ def test_an_accept_that_may_fail_is_tried_again(serve, attach, connect, path, er
 
 @pytest.mark.parametrize("error", PASSING_ACCEPT_ERRORS)
 def test_an_accept_that_may_fail_forgets_the_receiver_that_was_there(
-    serve, attach, connect, path, error
+    serve, attach, connect, attempt, path, error
 ):
     sender = serve(path)
     older = connect(sender)
     assert older.read_exactly(len(DATA)) == DATA
     tracer = attach(sender, f"accept:error={error}:when=1")
-    connect(sender)
+    attempt(sender)
     sender.expect(
         ABORTED,
         echo(path, sender.address),
@@ -602,10 +602,10 @@ def test_an_accept_that_may_fail_forgets_the_receiver_that_was_there(
     "error, text",
     [("EPERM", "Operation not permitted"), ("ENETDOWN", "Network is down")],
 )
-def test_any_other_error_of_accept_is_fatal(serve, attach, connect, path, error, text):
+def test_any_other_error_of_accept_is_fatal(serve, attach, attempt, path, error, text):
     sender = serve(path)
     tracer = attach(sender, f"accept:error={error}:when=1")
-    connect(sender)
+    attempt(sender)
     sender.expect(ABORTED, echo(path, sender.address), fatal(text, "tcp_engine.h"))
     assert tracer.injected() == 1
 
@@ -622,11 +622,11 @@ def test_any_other_error_of_accept_is_fatal(serve, attach, connect, path, error,
     ],
 )
 def test_a_receiver_that_cannot_be_taken_up_is_fatal(
-    serve, attach, connect, path, fault, text, header
+    serve, attach, attempt, path, fault, text, header
 ):
     sender = serve(path)
     tracer = attach(sender, fault)
-    connect(sender)
+    attempt(sender)
     sender.expect(ABORTED, echo(path, sender.address), fatal(text, header))
     assert tracer.injected() == 1
 
@@ -788,11 +788,11 @@ def test_a_datagram_on_the_slow_path_is_retried_until_a_send_settles_it(
     assert sender.injected() >= 1
 
 
-def test_an_interest_that_cannot_be_taken_back_is_fatal(serve, attach, connect, path):
+def test_an_interest_that_cannot_be_taken_back_is_fatal(serve, attach, attempt, path):
     """Behind a socket error: the connection's third registration call."""
     sender = serve(path)
     tracer = attach(sender, "sendto:error=EPIPE:when=2", "epoll_ctl:error=ENOENT:when=4")
-    connect(sender)
+    attempt(sender)
     sender.expect(
         ABORTED,
         echo(path, sender.address) + "Socket error\n",
@@ -837,15 +837,20 @@ def test_a_registration_that_cannot_be_removed_at_the_end_is_fatal(faulty, path,
 # ------------------------------------------------------------- closed standard streams
 
 
+def without_streams(closed):
+    """The words in front of a command that is to start with these streams closed."""
+    closings = " ".join(f"{number}>&-" for number in closed)
+    return ["/bin/sh", "-c", f'exec "$@" {closings}', "sh"]
+
+
 class StreamlessSender(Sender):
     """A sender that starts with these of its descriptors 0, 1 and 2 closed."""
 
     def __init__(self, directory, words, closed, port):
         self.port = port
         self.closed = closed
-        closings = " ".join(f"{number}>&-" for number in closed)
-        shell = ["/bin/sh", "-c", f'exec "$@" {closings}', "sh"]
-        Program.__init__(self, directory, [*shell, BINARY, *words], cwd=directory)
+        words = [*without_streams(closed), BINARY, *words]
+        Program.__init__(self, directory, words, cwd=directory)
 
     def end(self):
         """Both threads get time for more; then one stop."""
@@ -935,3 +940,22 @@ def test_a_fatal_end_is_one_with_closed_streams_too(streamless, path, closed):
             "" if "1" in closed else echo(path, sender.address),
             "" if "2" in closed else fatal(NO_ENDPOINT, "tcp_replay.h"),
         )
+
+
+@pytest.mark.parametrize("error", ["EACCES", "EMFILE", "ENFILE", "ENOENT", "ENOMEM"])
+def test_a_null_device_that_cannot_be_opened_is_not_tried_for_the_next_stream(
+    faulty, receiver, path, error
+):
+    """It would get the first one's number."""
+    sender = faulty(
+        [f"openat:error={error}:when=1"],
+        "--filepath", path, "--protocol", "udp", "--port", str(receiver.port),
+        path=os.devnull, port=receiver.port, wrapper=without_streams("01"),
+    )
+    assert_same(receiver.receive(len(MESSAGES)), MESSAGES)
+    for number in "01":
+        assert os.readlink(f"/proc/{sender.pid}/fd/{number}") != os.devnull
+    sender.signal(signal.SIGINT)
+    sender.expect(0, "")
+    assert receiver.is_quiet()
+    assert sender.injected() == sender.trace.read_text().count("openat") == 1

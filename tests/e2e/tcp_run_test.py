@@ -512,7 +512,7 @@ def test_a_receiver_that_cannot_be_accepted_yet_is_accepted_later(
 
 
 def test_a_newer_receiver_that_cannot_be_accepted_ends_the_run(
-    serve, connect, data_file
+    serve, connect, attempt, data_file
 ):
     """The failed attempt takes the older connection's place, too."""
     path = data_file(b"data")
@@ -520,7 +520,7 @@ def test_a_newer_receiver_that_cannot_be_accepted_ends_the_run(
     assert connect(sender).read_exactly(4) == b"data"
     sender.wait_for_progress()
     allow_no_more_descriptors(sender)
-    connect(sender)
+    attempt(sender)
     sender.expect(
         -signal.SIGABRT,
         echo(path, sender.address),

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,17 +19,18 @@ namespace call = support::call;
 
 enum state { CLOSED = 0, HELD = 1, IN_USE = 2 };
 
-// HELD: open on the null device, so that using the stream fails.
+// HELD: open on the null device, and using the stream fails as if it were closed.
 state state_of(int fd)
 {
     struct stat status {};
     if (::fstat(fd, &status) != 0)
         return CLOSED;
-    const bool is_null_device =
-        S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
-    const int failing_mode = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
-    const int mode = ::fcntl(fd, F_GETFL, 0) & O_ACCMODE;
-    return is_null_device && mode == failing_mode ? HELD : IN_USE;
+    if (!S_ISCHR(status.st_mode) || status.st_rdev != makedev(1, 3))
+        return IN_USE;
+    char byte = 0;
+    const ssize_t used =
+        fd == STDIN_FILENO ? ::read(fd, &byte, 1) : ::write(fd, &byte, 1);
+    return used == -1 && errno == EBADF ? HELD : IN_USE;
 }
 
 // The states of the three, as the digits of a number in base 3.
@@ -68,7 +68,7 @@ class ClosedStreams : public testing::TestWithParam<int> {
 protected:
     ClosedStreams() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-    // In a process of its own, in front of which `prepare` runs there.
+    // Runs in a process of its own, where `prepare` comes first.
     template <class prepare_t>
     static void expect_end(prepare_t prepare, state of_closed)
     {

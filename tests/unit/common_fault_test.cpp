@@ -18,6 +18,7 @@
 #include "support/capture_builder.h"
 #include "support/fatal.h"
 #include "support/output_capture.h"
+#include "support/payloads.h"
 #include "support/scanner_ends.h"
 #include "support/scratch_dir.h"
 #include "support/thrown.h"
@@ -27,6 +28,7 @@ namespace common_fault_test {
 namespace call = support::call;
 using support::capture_bytes;
 using support::outcomes_of_each_failing_allocation;
+using support::payloads_of;
 using support::sample_bytes;
 using support::text_thrown_by;
 using support::udp_frame;
@@ -291,17 +293,6 @@ TEST_F(CommonFault, AFileThatShrinksWhileItIsReadEndsThere)
 }
 
 // --------------------------------------------------------------- captures
-
-// Opens and reads a capture: the payloads it gave, in one text.
-std::string payloads_of(pcap_helper& reader)
-{
-    std::string payloads;
-    char buffer[MAX_BUFFER_SIZE];
-    size_t length = 0;
-    while (reader.read(buffer, length))
-        payloads.append(buffer, length);
-    return payloads;
-}
 
 TEST_F(CommonFault, ACaptureThatCannotBeOpenedIsReportedInLibpcapsWordsWhateverTheErrno)
 {

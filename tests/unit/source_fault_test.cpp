@@ -17,18 +17,21 @@
 #include "support/call_seam.h"
 #include "support/capture_builder.h"
 #include "support/output_capture.h"
+#include "support/payloads.h"
 #include "support/scratch_dir.h"
+#include "support/thrown.h"
 
 namespace source_fault_test {
 
 namespace call = support::call;
 using support::capture_bytes;
+using support::payloads_of;
 using support::sample_bytes;
+using support::text_thrown_by;
 using support::udp_frame;
 using vesk::MAX_BUFFER_SIZE;
 using vesk::details::file_helper;
 using vesk::details::pcap_helper;
-using vesk::details::vesk_ex;
 
 constexpr std::ios_base::openmode INPUT = std::ios_base::in | std::ios_base::binary;
 
@@ -71,25 +74,9 @@ private:
     }};
 };
 
-std::string payloads_of(pcap_helper& reader)
-{
-    std::string payloads;
-    char buffer[MAX_BUFFER_SIZE];
-    size_t length = 0;
-    while (reader.read(buffer, length))
-        payloads.append(buffer, length);
-    return payloads;
-}
-
 std::string text_thrown_by_opening(const std::string& path)
 {
-    try {
-        pcap_helper reader;
-        reader.open(path, "udp");
-    } catch (const vesk_ex& error) {
-        return error.what();
-    }
-    return "(nothing thrown)";
+    return text_thrown_by([&] { pcap_helper().open(path, "udp"); });
 }
 
 ssize_t failed(int error)
