@@ -249,6 +249,17 @@ class Sender(Program):
             )
         return [t for t in names if t == self.pid or names[t] != names[self.pid]]
 
+    def descriptors(self):
+        """What each descriptor refers to."""
+        directory = pathlib.Path(f"/proc/{self.pid}/fd")
+        found = {}
+        for entry in directory.iterdir():
+            try:
+                found[int(entry.name)] = os.readlink(entry)
+            except FileNotFoundError:
+                continue  # closed meanwhile
+        return found
+
     def poller(self):
         (thread,) = set(self.threads()) - {self.pid}
         return thread

@@ -807,14 +807,7 @@ def test_the_port_can_be_used_again_right_after_a_run(serve, connect, data_file)
 
 def descriptors(sender):
     """What each descriptor beyond the standard ones refers to."""
-    directory = f"/proc/{sender.pid}/fd"
-    found = {}
-    for name in os.listdir(directory):
-        try:
-            found[int(name)] = os.readlink(f"{directory}/{name}")
-        except FileNotFoundError:
-            continue  # closed meanwhile
-    return {number: found[number] for number in found if number > 2}
+    return {n: target for n, target in sender.descriptors().items() if n > 2}
 
 
 def flags_and_position(sender, descriptor):
