@@ -214,26 +214,6 @@ INSTANTIATE_TEST_SUITE_P(
         ENOPROTOOPT, ENOSR, ENOTSOCK, EOPNOTSUPP, EPERM, EPROTONOSUPPORT, ESOCKTNOSUPPORT,
         ETIMEDOUT));
 
-TEST_F(TcpEngineFault, AReceiverThatCannotBeTunedHearsNothingWhateverTheErrno)
-{
-    for (const std::string step : {"option TCP_NODELAY", "set-flags"}) {
-        for (const int error : {EBADF, EINVAL, ENOMEM, ENOPROTOOPT, EPERM}) {
-            tcp_setup own;
-            own.listen();
-            const auto fd = own.receiver();
-            socket_trace trace;
-            trace.fail(step, error);
-
-            own.engine->in_event();
-
-            EXPECT_TRUE(support::is_open(own.engine->conn_fd_)) << step;
-            EXPECT_EQ(own.engine->conn_handle_, nullptr) << step;
-            EXPECT_EQ(own.engine->queue_, nullptr) << step;
-            EXPECT_THAT(trace.lines, Not(Contains("close"))) << step;
-        }
-    }
-}
-
 // --------------------------------------------------------------- the wake-up
 
 class FaultOfTheWakeUpsWrite : public testing::TestWithParam<int> {};
@@ -539,22 +519,6 @@ TEST_F(UdpEngineFault, AGroupThatCannotBeJoinedIsNoFailureWhateverTheErrno)
         socket_trace trace;
         trace.fail("option IP_ADD_MEMBERSHIP", error);
         EXPECT_EQ(own.engine->set_local_address(address), 0) << error;
-    }
-}
-
-TEST_F(UdpEngineFault, ASocketThatCannotBeUnblockedSendsAllTheSame)
-{
-    for (const int error : {EACCES, EBADF, EINVAL, EPERM}) {
-        udp_setup own(true);
-        {
-            socket_trace trace;
-            trace.fail("get-flags", error);
-            trace.fail("set-flags", error);
-            own.open(true);
-        }
-        own.push("data");
-        own.engine->out_event();
-        EXPECT_EQ(support::receive_datagram(own.receiver.get()), "data") << error;
     }
 }
 
