@@ -197,6 +197,10 @@ TEST_F(Pacing, ALongPauseIsSplitIntoSecondsAndNanoseconds)
     compute(1250, 1000); // 2500 bytes are due after 20 s
     EXPECT_EQ(stats.nap.tv_sec, 19);
     EXPECT_EQ(stats.nap.tv_nsec, 700000000);
+    after_first_send(1);
+    compute(1250, 20); // 2500 bytes are due after 1000 s
+    EXPECT_EQ(stats.nap.tv_sec, 999);
+    EXPECT_EQ(stats.nap.tv_nsec, 999999000);
 }
 
 TEST_F(Pacing, AMicrosecondAheadOfScheduleIsPausedFor)
