@@ -1,0 +1,115 @@
+"""The harness of the packages' tests: the build that is installed and packaged, what is
+expected of it, and skips that are told as the end-to-end tests tell them.
+
+REPLAY_BUILD names the folder of an optimised build of both programs.
+"""
+
+import datetime
+import importlib.util
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("REPLAY_BUILD", ROOT / "build" / "release"))
+PROGRAMS = ("replay_sender", "replay_receiver")
+VERSION = re.search(r"^  VERSION (.*)$", (ROOT / "CMakeLists.txt").read_text(), re.M)[1]
+DOCUMENTS = "share/doc/replay-sender"
+
+
+def need(*programs):
+    for program in programs:
+        if shutil.which(program) is None:
+            pytest.skip(f"no {program} here")
+
+
+def run(*words, **options):
+    """Its standard output; with a failure, both streams."""
+    words = [os.fspath(word) for word in words]
+    done = subprocess.run(words, capture_output=True, text=True, **options)
+    assert done.returncode == 0, f"{words}\n{done.stdout}{done.stderr}"
+    return done.stdout
+
+
+def installed_files(programs=PROGRAMS, manuals=True):
+    """What `cmake --install` installs, below its prefix."""
+    files = {f"{DOCUMENTS}/{path.name}" for path in ROOT.glob("*.md")}
+    files |= {f"{DOCUMENTS}/docs/{path.name}" for path in ROOT.glob("docs/*.md")}
+    for pattern in ("docs/*.png", "bench/results/two-processors/*.svg"):
+        files |= {f"{DOCUMENTS}/{path.relative_to(ROOT)}" for path in ROOT.glob(pattern)}
+    for program in programs:
+        files |= {
+            f"bin/{program}",
+            f"share/bash-completion/completions/{program}",
+            f"share/fish/vendor_completions.d/{program}.fish",
+            f"share/zsh/site-functions/_{program}",
+        }
+        if manuals:
+            files |= {
+                f"share/man/man1/{program}.1.gz",
+                f"share/man/zh_CN/man1/{program}.1.gz",
+            }
+    return files
+
+
+def files_below(folder):
+    paths = folder.rglob("*")
+    return {str(path.relative_to(folder)) for path in paths if not path.is_dir()}
+
+
+def setting(name, file="CMakeCache.txt", build=BUILD):
+    """A setting of a build, out of its cache or of what it leaves for cpack."""
+    pattern = rf'^(?:set\()?{name}(?::\w+=| ")(.*?)(?:"\))?$'
+    return re.search(pattern, (build / file).read_text(), re.M)[1]
+
+
+def epoch():
+    """The time, in seconds, that the build writes into files."""
+    return int(setting("CPACK_REPLAY_EPOCH", "CPackConfig.cmake"))
+
+
+def day_of(seconds):
+    return datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc).date()
+
+
+def needed_libraries(program):
+    """The file names of the libraries that the linker wrote into the program."""
+    return set(re.findall(r"\(NEEDED\).*\[(.*)\]", run("readelf", "-dW", program)))
+
+
+def make_package(kind, folder, build=BUILD):
+    """The path of a new package: deb or rpm. Its folders do not take the umask."""
+    run("cpack", "-G", kind.upper(), "-B", folder, cwd=build, umask=0o077)
+    (package,) = folder.glob(f"*.{kind}")
+    return package
+
+
+@pytest.fixture(scope="session")
+def deb(tmp_path_factory):
+    need("cpack", "dpkg-deb", "dpkg-shlibdeps")
+    return make_package("deb", tmp_path_factory.mktemp("deb"))
+
+
+@pytest.fixture(scope="session")
+def rpm(tmp_path_factory):
+    need("cpack", "rpm", "rpmbuild")
+    return make_package("rpm", tmp_path_factory.mktemp("rpm"))
+
+
+def load_e2e_harness():
+    """The other conftest.py, under a name of its own."""
+    path = ROOT / "tests" / "e2e" / "conftest.py"
+    spec = importlib.util.spec_from_file_location("e2e_harness", path)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+def pytest_configure(config):
+    if not (BUILD / "CPackConfig.cmake").exists():
+        raise pytest.UsageError(f"no build at {BUILD}; set REPLAY_BUILD")
+    config.pluginmanager.register(load_e2e_harness().SkipStatus(), "skip-status")
