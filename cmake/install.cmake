@@ -10,10 +10,22 @@ endif()
 # environment's, else the commit's, else that of the files, which a source tarball keeps.
 set(replay_epoch "$ENV{SOURCE_DATE_EPOCH}")
 if(replay_epoch STREQUAL "" AND EXISTS ${PROJECT_SOURCE_DIR}/.git)
+  # There may be no git, or nothing that it trusts.
   execute_process(COMMAND git log -1 --format=%ct
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-    OUTPUT_VARIABLE replay_epoch OUTPUT_STRIP_TRAILING_WHITESPACE
-    ERROR_QUIET) # There may be no git, or nothing that it trusts.
+    OUTPUT_VARIABLE replay_epoch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  execute_process(COMMAND git rev-parse --git-path logs/HEAD
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    OUTPUT_VARIABLE git_log OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  # git writes there whenever another commit is checked out or made; a build then looks here anew,
+  # and makes anew what the time is handed to.
+  if(git_log)
+    cmake_path(ABSOLUTE_PATH git_log BASE_DIRECTORY ${PROJECT_SOURCE_DIR})
+    if(EXISTS ${git_log})
+      set_property(DIRECTORY ${PROJECT_SOURCE_DIR}
+        APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${git_log})
+    endif()
+  endif()
 endif()
 if(NOT replay_epoch MATCHES "^[0-9]+$")
   file(TIMESTAMP ${PROJECT_SOURCE_DIR}/CMakeLists.txt replay_epoch "%s" UTC)
@@ -80,10 +92,10 @@ foreach(program ${programs})
 endforeach()
 
 # Documents, in the folders that their links expect.
-file(GLOB root_documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/*.md)
 file(GLOB documents CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.png)
 file(GLOB charts CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/results/two-processors/*.svg)
-install(FILES ${root_documents} DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md README.zh-CN.md CHANGELOG.md CONTRIBUTING.md SECURITY.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
 install(FILES ${charts} DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench/results/two-processors)

@@ -1,6 +1,7 @@
 # The packages: `cpack -G DEB` and `cpack -G RPM` in the folder of a build. What cpack reads while
 # it makes them is in packaging/, where source_tarball makes the tarball.
 set(CPACK_GENERATOR DEB)
+set(CPACK_SOURCE_GENERATOR External) # packaging/cpack_options.cmake says why.
 set(CPACK_PACKAGE_NAME replay-sender)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "The authors of replay sender")
@@ -30,8 +31,11 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 
 if(REPLAY_GZIP)
-  set(ENV{SOURCE_DATE_EPOCH} ${replay_epoch}) # TIMESTAMP looks at it.
+  # TIMESTAMP looks at it. So would the next configuring by the same cmake.
+  set(environments_epoch "$ENV{SOURCE_DATE_EPOCH}")
+  set(ENV{SOURCE_DATE_EPOCH} ${replay_epoch})
   string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+  set(ENV{SOURCE_DATE_EPOCH} "${environments_epoch}")
   set(changelog ${PROJECT_BINARY_DIR}/debian/changelog)
   configure_file(packaging/debian/changelog.in ${changelog} @ONLY)
   add_custom_command(OUTPUT ${changelog}.gz

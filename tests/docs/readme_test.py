@@ -1,20 +1,15 @@
-"""Each command of both readme files does what is said of it. It is taken out of the file
-and typed as it stands, the ones of the tables between two hosts with a device eth1.
+"""Each command in the tables of both readme files does what is said of it. It is taken out of
+the file and typed as it stands, between two hosts with a device eth1. The commands of the
+blocks are typed in tests/packaging/first_steps_test.py.
 """
 
-import os
-import pathlib
-import re
-import shutil
 import signal
 import struct
-import subprocess
-import tempfile
 
 import pytest
 
-from blocks import fenced, tabled, typed
-from conftest import PROGRAMS, ROOT, debug_dump, echo, pieces
+from blocks import tabled
+from conftest import ROOT, debug_dump, echo, pieces
 from replay_receiver import captured_payloads
 from stage import DAY, DAYS, MATCHED, stage  # noqa: F401: a fixture
 from udp_receiver import UdpReceiver
@@ -27,7 +22,7 @@ RECIPES = {}
 
 
 def recipe(command):
-    """Tells how to try this command. What it is given, beside the command, are fixtures."""
+    """Tells how to try this command."""
 
     def keep(function):
         assert command not in RECIPES
@@ -35,13 +30,6 @@ def recipe(command):
         return function
 
     return keep
-
-
-def commands(readme):
-    return typed(readme) + tabled(readme)
-
-
-# ---------------------------------------------------------------------- the tables
 
 
 def sent_over_tcp(stage, command, expected, port=9089, **settings):
@@ -166,123 +154,15 @@ def a_minute_of_a_group(stage, command):
     assert sender.stop(signal.SIGINT) == 0
 
 
-# ---------------------------------------------------------------------- the blocks
-
-
-@recipe("script/demo")
-def the_demonstration(demonstrated, command):
-    verdicts = [line for line in demonstrated if line.startswith("As expected: ")]
-    assert len(verdicts) == 2
-
-
-@recipe("script/test")
-def all_the_tests(command):
-    """This test is one of them, so the build machine runs it, by .ci/run."""
-    assert os.access(ROOT / command, os.X_OK)
-    calls = re.findall(r"^(script/\w+)", (ROOT / ".ci/run").read_text(), re.M)
-    assert command in calls
-
-
-def copy_tree(folder):
-    """This tree without its history and what was built."""
-
-    def left_out(place, names):
-        top = {".git", "build"} if place == str(ROOT) else set()
-        return top | ({"__pycache__", "corpus"} & set(names))
-
-    return shutil.copytree(ROOT, folder / "replay_sender", ignore=left_out)
-
-
-@pytest.fixture(scope="session")
-def tree():
-    """A copy to build in."""
-    for tool in ("cmake", "make", "c++"):
-        if shutil.which(tool) is None:
-            pytest.skip(f"{tool} is not installed")
-    with tempfile.TemporaryDirectory() as place:
-        yield copy_tree(pathlib.Path(place))
-
-
-def must_run(tree, command, **environment):
-    done = subprocess.run(
-        ["bash", "-c", command], cwd=tree, env={**os.environ, **environment},
-        capture_output=True, text=True,
-    )
-    assert done.returncode == 0, f"{command}\n{done.stdout}\n{done.stderr}"
-    return done.stdout
-
-
-@pytest.fixture(scope="session")
-def built(tree):
-    """The tree when it is built by hand, which is the first of these commands. The sender
-    alone is built; the receiver is the one that was built before."""
-    command = BUILD.replace("-B build", "-B build -D REPLAY_RECEIVER=OFF")
-    assert "REPLAY_RECEIVER=OFF" in command
-    must_run(tree, command)
-    (tree / "build" / "replay_receiver").symlink_to(
-        os.path.abspath(PROGRAMS["replay_receiver"])
-    )
-    return tree
-
-
-BUILD = "cmake -B build && cmake --build build"
-
-
-@recipe(BUILD)
-def the_sender(built, command):
-    assert os.access(built / "build" / "replay_sender", os.X_OK)
-
-
-@recipe("build/replay_sender --help")
-@recipe("build/replay_receiver --help")
-def the_help(built, command):
-    assert "--filepath" in must_run(built, command)
-
-
-@recipe("sudo cmake --install build")
-def installed(built, command, tmp_path):
-    """Into another root, and so without sudo."""
-    must_run(built, command.removeprefix("sudo "), DESTDIR=str(tmp_path))
-    assert os.access(tmp_path / "usr/local/bin/replay_sender", os.X_OK)
-
-
-@pytest.fixture(scope="session")
-def packed(built):
-    if shutil.which("dpkg-shlibdeps") is None:
-        pytest.skip("dpkg-dev is not installed")
-    must_run(built, PACK)
-    return built
-
-
-PACK = "cpack -G DEB --config build/CPackConfig.cmake -B build"
-
-
-@recipe(PACK)
-def a_package(packed, command):
-    assert list((packed / "build").glob("replay-sender_*.deb"))
-
-
-@recipe("sudo apt install ./build/replay-sender_*.deb")
-def a_package_that_dpkg_can_read(packed, command):
-    """It is not installed here: that takes a root of its own, as packaging/install_check
-    makes. tests/packaging/install_check_test.py runs that."""
-    path = command.split()[-1]
-    assert must_run(packed, f"dpkg --field {path} Package") == "replay-sender\n"
-    assert "./usr/bin/replay_sender\n" in must_run(packed, f"dpkg --contents {path}")
-
-
 # ------------------------------------------------------------------- are all tried
 
-COMMANDS = list(dict.fromkeys(each for readme in READMES for each in commands(readme)))
+COMMANDS = list(dict.fromkeys(each for readme in READMES for each in tabled(readme)))
 
 
 @pytest.mark.parametrize("command", COMMANDS)
-def test_a_command_does_what_is_said_of_it(request, command):
+def test_a_command_does_what_is_said_of_it(stage, command):
     assert command in RECIPES, "no recipe here says how to try it"
-    function = RECIPES[command]
-    wanted = function.__code__.co_varnames[: function.__code__.co_argcount]
-    given = {name: request.getfixturevalue(name) for name in wanted if name != "command"}
-    function(**given, command=command)
+    RECIPES[command](stage, command)
 
 
 def test_each_recipe_is_for_a_command():
@@ -290,88 +170,8 @@ def test_each_recipe_is_for_a_command():
 
 
 def test_both_languages_have_the_same_commands_in_one_order():
-    assert commands(READMES[0]) == commands(READMES[1])
+    assert tabled(READMES[0]) == tabled(READMES[1])
     assert len(tabled(READMES[0])) > 5
-
-
-@pytest.mark.parametrize("readme", READMES)
-def test_the_two_commands_come_first(readme):
-    assert typed(readme)[:2] == ["script/demo", "script/test"]
-
-
-# ------------------------------------------------------------ what is shown of a run
-
-
-def shown(readme):
-    """The lines that the readme shows of the demonstration."""
-    (block,) = (content for language, content in fenced(readme) if language == "text")
-    return block.splitlines()
-
-
-# What has no time and no rate in it.
-COUNTED = re.compile("As expected|Compared|Pages")
-
-
-def masked(line):
-    """Without the figures, which each run has its own."""
-    return re.sub(r"-?\d[\d,.]*\d|-?\d", "N", line)
-
-
-# In place of the build, which has a recipe of its own: the programs are there.
-CMAKE = """#!/usr/bin/env bash
-[ "$*" = "-S . -B build" ] || [ "$1 $2" = "--build build" ] || exit 2
-mkdir -p build
-ln -sfn "$REPLAY_SENDER" build/replay_sender
-ln -sfn "$REPLAY_RECEIVER" build/replay_receiver
-"""
-
-
-@pytest.fixture(scope="session")
-def demonstrated():
-    """The lines of the demonstration, which takes any rate here: the machine is busy."""
-    with tempfile.TemporaryDirectory() as place:
-        place = pathlib.Path(place)
-        copy = copy_tree(place)
-        demo = copy / "script" / "demo"
-        text, count = re.subn(r"--tolerance 5\b", "--tolerance 99", demo.read_text())
-        assert count == 1
-        demo.write_text(text)
-        (place / "cmake").write_text(CMAKE)
-        (place / "cmake").chmod(0o755)
-        programs = {name.upper(): os.path.abspath(path) for name, path in PROGRAMS.items()}
-        path = f"{place}:{os.environ['PATH']}"
-        lines = must_run(copy, "script/demo", PATH=path, **programs).splitlines()
-        for page in ("data-file", "capture"):
-            assert (copy / "build" / "demo" / f"{page}.html").stat().st_size > 0
-        yield [line.replace(f"{copy}/", "") for line in lines]
-
-
-def test_what_is_shown_is_what_a_run_says(demonstrated):
-    """Line by line; the counts are the same in each run, the times and rates are not."""
-    said = [masked(line) for line in demonstrated]
-    second = next(i for i, line in enumerate(demonstrated) if "--filetype 1" in line)
-    for readme in READMES:
-        lines = [line for line in shown(readme) if not line.startswith("$")]
-        assert "..." in lines  # in place of the rest of the summary
-        lines = [line for line in lines if line not in ("", "...")]
-        positions = [said.index(masked(line), second) for line in lines]
-        assert positions == sorted(positions)
-        for line in lines:
-            assert line in demonstrated or not COUNTED.match(line), line
-
-
-def test_both_languages_show_the_same():
-    assert shown(READMES[0]) == shown(READMES[1])
-
-
-@pytest.mark.parametrize("readme", READMES)
-def test_the_commands_that_are_shown_are_those_of_the_demonstration(demonstrated, readme):
-    """They end in "...", as a line is too short for them."""
-    found = [line for line in shown(readme) if line.startswith("$ ")]
-    assert len(found) == 2
-    for line in found:
-        beginning, elision, _ = line.partition(" ...")
-        assert elision and any(said.startswith(f"{beginning} ") for said in demonstrated)
 
 
 def test_the_picture_is_one_and_small():

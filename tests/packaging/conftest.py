@@ -11,6 +11,7 @@ import pathlib
 import re
 import shutil
 import subprocess
+import tarfile
 
 import pytest
 
@@ -19,6 +20,11 @@ BUILD = pathlib.Path(os.environ.get("REPLAY_BUILD", ROOT / "build" / "release"))
 PROGRAMS = ("replay_sender", "replay_receiver")
 VERSION = re.search(r"^  VERSION (.*)$", (ROOT / "CMakeLists.txt").read_text(), re.M)[1]
 DOCUMENTS = "share/doc/replay-sender"
+ROOT_DOCUMENTS = (
+    "README.md", "README.zh-CN.md", "CHANGELOG.md", "CONTRIBUTING.md", "SECURITY.md",
+)
+NAME = f"replay-sender-{VERSION}"  # of the tarball and of the folder in it
+BUILD_COMMAND = "cmake -B build && cmake --build build"
 
 
 def need(*programs):
@@ -37,7 +43,7 @@ def run(*words, **options):
 
 def installed_files(programs=PROGRAMS, manuals=True):
     """What `cmake --install` installs, below its prefix."""
-    files = {f"{DOCUMENTS}/{path.name}" for path in ROOT.glob("*.md")}
+    files = {f"{DOCUMENTS}/{name}" for name in ROOT_DOCUMENTS}
     files |= {f"{DOCUMENTS}/docs/{path.name}" for path in ROOT.glob("docs/*.md")}
     for pattern in ("docs/*.png", "bench/results/two-processors/*.svg"):
         files |= {f"{DOCUMENTS}/{path.relative_to(ROOT)}" for path in ROOT.glob(pattern)}
@@ -98,6 +104,80 @@ def deb(tmp_path_factory):
 def rpm(tmp_path_factory):
     need("cpack", "rpm", "rpmbuild")
     return make_package("rpm", tmp_path_factory.mktemp("rpm"))
+
+
+# ------------------------------------------------------- what is built of the sources alone
+
+
+def tree_files():
+    """What a commit of the tree as it is would hold."""
+    words = ["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others", "--exclude-standard"]
+    done = subprocess.run(words, capture_output=True, text=True)
+    if done.returncode != 0:
+        pytest.skip(f"no clone here: {done.stderr.strip()}")
+    return [name for name in done.stdout.split("\0") if name and (ROOT / name).exists()]
+
+
+def git(folder, seconds, *words):
+    """As somebody without settings of their own, at this time."""
+    environment = {
+        "GIT_AUTHOR_NAME": "Somebody", "GIT_AUTHOR_EMAIL": "",
+        "GIT_COMMITTER_NAME": "Somebody", "GIT_COMMITTER_EMAIL": "",
+        "GIT_AUTHOR_DATE": f"{seconds} +0000", "GIT_COMMITTER_DATE": f"{seconds} +0000",
+        "GIT_CONFIG_GLOBAL": "/dev/null", "GIT_CONFIG_NOSYSTEM": "1",
+    }
+    run("git", *words, cwd=folder, env={**os.environ, **environment})
+
+
+def committed_copy(folder):
+    """A clone of the tree that holds all of it in one commit, at the tested build's time."""
+    need("git")
+    for name in tree_files():
+        (folder / name).parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(ROOT / name, folder / name)
+    git(folder, epoch(), "init", "-q", "-b", "main")
+    git(folder, epoch(), "add", "--all", "--force")
+    git(folder, epoch(), "commit", "-q", "-m", "All of it")
+
+
+def make_tarball(folder, mask):
+    need("gzip")
+    tree = folder / "tree"
+    committed_copy(tree)
+    said = run(tree / "packaging" / "source_tarball", folder, umask=mask)
+    assert said == f"{folder / NAME}.tar.gz\n"
+    return folder / f"{NAME}.tar.gz"
+
+
+def type_in(tree, command, **environment):
+    """A command as it is typed, by somebody whose environment says nothing of builds."""
+    inherited = {**os.environ}
+    for name in ("SOURCE_DATE_EPOCH", "CMAKE_GENERATOR"):
+        inherited.pop(name, None)
+    return run("bash", "-c", command, cwd=tree, env={**inherited, **environment})
+
+
+@pytest.fixture(scope="session")
+def tarball(tmp_path_factory):
+    return make_tarball(tmp_path_factory.mktemp("tarball"), 0o022)
+
+
+@pytest.fixture(scope="session")
+def stranger(tarball, tmp_path_factory):
+    """What the tarball unpacks to, after the command of README.md that builds. Its name and
+    its place differ from those of the tested build, and so do the tools that build."""
+    need("cmake", "make", "c++")
+    folder = tmp_path_factory.mktemp("a longer name of a folder")
+    with tarfile.open(tarball) as packed:
+        packed.extractall(folder)
+    os.utime(folder / NAME / "README.md", (0, 0))  # older than the commit, as where that was made
+    type_in(folder / NAME, BUILD_COMMAND)
+    return folder / NAME
+
+
+@pytest.fixture(scope="session")
+def rebuilt(stranger):
+    return stranger / "build"
 
 
 def load_e2e_harness():

@@ -1,84 +1,21 @@
-"""The same commit gives the same bytes: the tarball, the programs that are built from it
-alone, at another place than the tested ones, and the packages.
+"""The same commit gives the same bytes: the tarball, the programs that a stranger builds from
+it alone, at another place and with other tools than the tested ones, and the packages.
 """
 
+import gzip
 import os
-import shutil
-import subprocess
+import re
 import tarfile
 
 import pytest
 
 from conftest import (
-    BUILD, PROGRAMS, ROOT, VERSION,
-    day_of, epoch, make_package, need, run, setting,
+    BUILD, NAME, PROGRAMS, ROOT,
+    committed_copy, day_of, epoch, git, make_package, make_tarball, need, run, setting,
+    tree_files, type_in,
 )
 
-NAME = f"replay-sender-{VERSION}"
 SETTINGS = ("CMAKE_BUILD_TYPE", "CMAKE_CXX_COMPILER", "CMAKE_CXX_FLAGS", "REPLAY_UNITY")
-
-
-def tree_files():
-    """What a commit of the tree as it is would hold."""
-    words = ["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others", "--exclude-standard"]
-    done = subprocess.run(words, capture_output=True, text=True)
-    if done.returncode != 0:
-        pytest.skip(f"no clone here: {done.stderr.strip()}")
-    return [name for name in done.stdout.split("\0") if name and (ROOT / name).exists()]
-
-
-def committed_copy(folder):
-    """A clone of the tree that holds all of it in one commit, at the tested build's time."""
-    for name in tree_files():
-        (folder / name).parent.mkdir(parents=True, exist_ok=True)
-        shutil.copy(ROOT / name, folder / name)
-    date = f"{epoch()} +0000"
-    environment = {
-        "GIT_AUTHOR_NAME": "Somebody", "GIT_AUTHOR_EMAIL": "",
-        "GIT_COMMITTER_NAME": "Somebody", "GIT_COMMITTER_EMAIL": "",
-        "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date,
-        "GIT_CONFIG_GLOBAL": "/dev/null", "GIT_CONFIG_NOSYSTEM": "1",
-    }
-    for words in (
-        ["init", "-q", "-b", "main"],
-        ["add", "--all", "--force"],
-        ["commit", "-q", "-m", "All of it"],
-    ):
-        run("git", *words, cwd=folder, env={**os.environ, **environment})
-
-
-def make_tarball(folder, mask):
-    need("git", "gzip")
-    tree = folder / "tree"
-    committed_copy(tree)
-    said = run(tree / "packaging" / "source_tarball", folder, umask=mask)
-    assert said == f"{folder / NAME}.tar.gz\n"
-    return folder / f"{NAME}.tar.gz"
-
-
-@pytest.fixture(scope="module")
-def tarball(tmp_path_factory):
-    return make_tarball(tmp_path_factory.mktemp("tarball"), 0o022)
-
-
-@pytest.fixture(scope="module")
-def rebuilt(tarball, tmp_path_factory):
-    """The folder of a build from the tarball alone. Its name and its place differ from those
-    of the tested build, and the environment tells no time."""
-    folder = tmp_path_factory.mktemp("a longer name of a folder")
-    with tarfile.open(tarball) as packed:
-        packed.extractall(folder)
-    os.utime(folder / NAME / "README.md", (0, 0))  # older than the commit, as where that was made
-    build = folder / "out"
-    options = [word for name in SETTINGS for word in ("-D", f"{name}={setting(name)}")]
-    environment = {**os.environ}
-    environment.pop("SOURCE_DATE_EPOCH", None)
-    run(
-        "cmake", "-S", folder / NAME, "-B", build, "-G", setting("CMAKE_GENERATOR"),
-        *options, env=environment,
-    )
-    run("cmake", "--build", build, "--parallel", "1", env=environment)
-    return build
 
 
 def same_bytes(one, other):
@@ -101,6 +38,11 @@ def test_the_tarball_holds_the_commit_and_nothing_of_this_machine(tarball):
         assert member.mode in (0o755, 0o644), member.name
 
 
+@pytest.mark.parametrize("name", SETTINGS)
+def test_what_is_tested_is_set_as_a_stranger_finds_it(rebuilt, name):
+    assert setting(name) == setting(name, build=rebuilt)
+
+
 @pytest.mark.parametrize("program", PROGRAMS)
 def test_a_program_is_the_same_wherever_it_is_built(rebuilt, program):
     assert same_bytes(BUILD / program, rebuilt / program)
@@ -108,10 +50,11 @@ def test_a_program_is_the_same_wherever_it_is_built(rebuilt, program):
 
 @pytest.mark.parametrize("program", PROGRAMS)
 def test_a_program_names_no_folder_of_this_machine(program):
+    """Names start behind the end of another one; in the middle of one stands what is the
+    same on each machine."""
     data = (BUILD / program).read_bytes()
-    for folder in (ROOT, BUILD):
-        for end in (b"/", b"\0"):
-            assert os.fsencode(folder) + end not in data
+    for folder in (ROOT, BUILD.resolve()):
+        assert not re.search(rb"\0" + re.escape(os.fsencode(folder)) + rb"[/\0]", data)
 
 
 def test_the_manuals_of_both_builds_are_the_same(rebuilt):
@@ -128,3 +71,34 @@ def test_the_packages_of_both_builds_are_the_same(rebuilt, tmp_path, request, ki
     other = make_package(kind, tmp_path, rebuilt)
     assert other.name == package.name
     assert same_bytes(other, package)
+
+
+def told_days(build):
+    """The days that the manuals of the sender tell."""
+    pages = sorted(build.glob("man/**/replay_sender.1.gz"))
+    assert len(pages) == 2
+    texts = [gzip.decompress(page.read_bytes()).decode() for page in pages]
+    return [re.search(r'"(\d{4}-\d\d-\d\d)"', text)[1] for text in texts]
+
+
+def told_time(build):
+    """The time that Debian's changelog tells, in seconds."""
+    text = build / "changelog"
+    text.write_bytes(gzip.decompress((build / "debian" / "changelog.gz").read_bytes()))
+    return int(run("dpkg-parsechangelog", "-l", text, "-S", "Timestamp"))
+
+
+@pytest.mark.parametrize("generator", ["Ninja", "Unix Makefiles"])
+def test_a_further_build_tells_the_time_of_the_commit_that_is_new(tmp_path, generator):
+    need("scdoc", "dpkg-parsechangelog", "ninja", "make")
+    tree, build = tmp_path / "tree", tmp_path / "tree" / "build"
+    committed_copy(tree)
+    type_in(tree, f"cmake -B build -G '{generator}' -D REPLAY_RECEIVER=OFF")
+    targets = "cmake --build build --target manuals debian_changelog"
+    type_in(tree, targets)
+    assert (told_days(build), told_time(build)) == ([str(day_of(epoch()))] * 2, epoch())
+    later = epoch() + 3 * 24 * 60 * 60
+    git(tree, later, "commit", "-q", "--allow-empty", "-m", "Nothing new")
+    type_in(tree, targets)
+    assert (told_days(build), told_time(build)) == ([str(day_of(later))] * 2, later)
+    assert int(setting("CPACK_REPLAY_EPOCH", "CPackConfig.cmake", build)) == later
