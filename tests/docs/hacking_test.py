@@ -1,14 +1,20 @@
 """What the pages for those who change the programs name is there: presets, scripts, files,
-tests, functions.
+tests, functions; and what they give to type means what it should.
 """
 
 import json
 import os
 import re
+import shlex
+import shutil
+import subprocess
+import sys
 
 import pytest
 
-from conftest import ROOT, run
+from blocks import typed
+from conftest import PROGRAMS, ROOT, run
+from tree import files
 
 PAGES = (
     "CONTRIBUTING.md", "docs/hacking.md", "docs/design.md", "docs/tuning.md", "docs/guide.md",
@@ -127,24 +133,165 @@ def test_the_newest_changes_are_those_of_the_version_that_is_built():
     assert f"Version: {newest}\n" in run("replay_sender", "--help")
 
 
+# ------------------------------------------------------------- what it gives to type
+
+# Most of it builds, fuzzes or measures for minutes or hours. What takes a moment is run here
+# as it stands; of the rest each word is looked for in what gives it its meaning.
+RECIPES = {}
+
+
+def recipe(beginning):
+    """Tells how to try the commands that begin with these words."""
+
+    def keep(function):
+        assert beginning not in RECIPES
+        RECIPES[beginning] = function
+        return function
+
+    return keep
+
+
+TYPED = typed("docs/hacking.md")
+
+
+def recipe_for(command):
+    found = [beginning for beginning in RECIPES if command.startswith(beginning)]
+    return max(found, key=len, default=None)
+
+
+@pytest.mark.parametrize("command", TYPED)
+def test_what_is_to_be_typed_can_be_typed(command):
+    assert recipe_for(command) is not None, "no recipe here says how to try it"
+    RECIPES[recipe_for(command)](command)
+
+
+def test_each_recipe_is_for_something():
+    assert {recipe_for(command) for command in TYPED} == set(RECIPES)
+
+
+@recipe("script/bootstrap")
+@recipe("script/build")
+@recipe("script/lint")
+@recipe("script/soak")
+def what_the_build_machine_types(command):
+    """It may give other words. A preset that is typed has a test above."""
+    script = command.split()[0]
+    assert re.search(rf"^{script}\b", read(".ci/run") + read("script/test"), re.M)
+    if script == "script/soak":
+        assert "[MINUTES]" in usage(script) and command.split()[1].isdigit()
+
+
+@recipe("script/demo")
+def what_the_readme_gives_to_type(command):
+    first, _, second = command.partition(" && ")
+    assert first in typed("README.md")
+    if second:
+        what_the_usage_tells(second)
+
+
+def names_of_tests():
+    """Those that ctest gives to tests, in each build that could have them."""
+    paths = [path for path in files() if re.match(r"tests/\w+/\w+_test\.py$", path)]
+    cases = re.findall(r"^TEST\w*\((\w+), (\w+)\)", sources("tests/unit"), re.M)
+    ends = ["/".join(path.split("/")[1:]).removesuffix(".py") for path in paths]
+    ends += [f"unit/{suite}.{name}" for suite, name in cases]
+    return [f"{preset}/{end}" for preset in presets() for end in ends]
+
+
+@recipe("script/test")
+@recipe("ctest --preset")
+def what_picks_tests(command):
+    words = shlex.split(command)
+    assert words[0] == "ctest" or re.search(r"^script/test\b", read(".ci/run"), re.M)
+    if "-R" in words:
+        pattern = words[words.index("-R") + 1]
+        assert any(re.search(pattern, name) for name in names_of_tests())
+
+
+@recipe("build/debug/tests/unit_tests")
+def what_picks_unit_tests(command):
+    (suite,) = re.findall(r" --gtest_filter='(\w+)\.\*'$", command)
+    assert f"({suite}, " in sources("tests/unit")
+    assert "add_executable(unit_tests" in read("tests/CMakeLists.txt")
+
+
+@recipe("python3 -m pytest")
+@recipe("REPLAY_SENDER=build/asan/replay_sender REPLAY_SANITIZER=asan python3 -m pytest")
+def what_picks_end_to_end_tests(command):
+    """They are only picked; the end-to-end tests run by themselves. The build that is named
+    need not be there."""
+    shown = typed_here(
+        command.replace("build/asan/replay_sender", str(PROGRAMS["replay_sender"]))
+        + " --collect-only -p no:cacheprovider"
+    )
+    assert "::test_a_rate_is_kept" in shown
+
+
+@recipe("docs/man/render")
+def what_shows_a_manual(command):
+    for tool in ("scdoc", "man"):
+        if shutil.which(tool) is None:
+            pytest.skip(f"{tool} is not installed")
+    shown = typed_here(command)
+    assert ("名称" if " zh " in command else "NAME") in shown and "--filepath" in shown
+
+
+def typed_here(command):
+    """Standard output of a command that ends with status 0. The interpreter is this one."""
+    path = f"{os.path.dirname(sys.executable)}:{os.environ['PATH']}"
+    done = subprocess.run(
+        ["bash", "-o", "pipefail", "-c", command], cwd=ROOT, capture_output=True, text=True,
+        timeout=120, env={**os.environ, "PATH": path, "LC_ALL": "C.UTF-8"},
+    )
+    assert done.returncode == 0, f"{done.stdout}\n{done.stderr}"
+    return done.stdout
+
+
+def usage(script):
+    """What a script's head says of its words."""
+    _, found, rest = read(script).partition("Usage: ")
+    assert found, script
+    return re.split(r'^set -|"""', rest, flags=re.M)[0]
+
+
+@recipe("script/fuzz")
+@recipe("script/coverage")
+@recipe("script/mutate")
+@recipe("script/bench")
+@recipe("bench/instructions.py")
+def what_the_usage_tells(command):
+    """Options by their names, a number for a number, and names that something has."""
+    script, *words = shlex.split(command)
+    assert os.access(ROOT / script, os.X_OK)
+    told = usage(script)
+    for word in words:
+        if word.startswith("-"):
+            assert re.search(rf"(?<![\w-]){word}\b", told), word
+        elif word.isdigit():
+            assert "[SECONDS]" in told
+        elif script == "script/fuzz":
+            assert (ROOT / "fuzz" / f"{word}_target.cpp").exists()
+        elif script == "script/mutate":
+            assert (ROOT / "src" / word).exists()
+        else:
+            assert f"[{word}]" in told, word
+
+
 # ------------------------------------------------------------------ how files look
 
 # Inputs, samples, and what no person has written.
-LEFT_OUT = re.compile(
-    r"^(build|fuzz/corpus|tests/data|bench/results)$|(^|/)(\.git|\.cache|\w+_cache|__pycache__)$"
-)
-PICTURE = (".png", ".svg")
+LEFT_OUT = ("fuzz/corpus/", "tests/data/", "bench/results/")
 WITH_TABS = (".scd",)
+DOCUMENT = (".md", ".scd")
+# As a template has for what is put in later.
+PLACEHOLDER = re.compile(r"@[A-Z][A-Z0-9_]*@")
 
 
 def written():
-    """The texts of this tree."""
-    for folder, names, files in os.walk(ROOT):
-        place = os.path.relpath(folder, ROOT)
-        names[:] = [n for n in names if not LEFT_OUT.search(os.path.normpath(f"{place}/{n}"))]
-        for file in files:
-            if not file.endswith(PICTURE):
-                yield os.path.normpath(f"{place}/{file}")
+    """The texts of this tree. What holds a zero byte is a picture, or something built."""
+    for name in files():
+        if not name.startswith(LEFT_OUT) and b"\0" not in (ROOT / name).read_bytes():
+            yield name
 
 
 def odd_about(name):
@@ -165,3 +312,9 @@ def test_files_look_as_editors_are_told():
     odd = {name: list(odd_about(name)) for name in written()}
     assert len(odd) > 200
     assert {name: faults for name, faults in odd.items() if faults} == {}
+
+
+def test_no_document_waits_for_something_to_be_put_in():
+    found = {name: PLACEHOLDER.findall(read(name)) for name in files() if name.endswith(DOCUMENT)}
+    assert len(found) > 10
+    assert {name: each for name, each in found.items() if each} == {}

@@ -1,5 +1,6 @@
-"""Each link of each document leads somewhere: to a file of this tree, and to a heading
-that is there. Each document can be reached from the readme file.
+"""Each link of each document leads somewhere: to a file of this tree, of a kind that is
+installed with the documents, and to a heading that is there. Each document can be reached
+from the readme file.
 """
 
 import functools
@@ -11,28 +12,20 @@ import urllib.parse
 import pytest
 
 from conftest import ROOT
+from tree import files
 
-NOT_SEARCHED = {"build", "_deps"}
+INSTALLED = (".md", ".png", ".svg")
 FENCED = re.compile(r"^( *)(```|~~~).*?^\1\2 *$", re.M | re.S)
 CODE = re.compile(r"(`+)(?!`).+?(?<!`)\1(?!`)", re.S)
 COMMENT = re.compile(r"<!--.*?-->", re.S)
 LINK = re.compile(r"\]\(\s*<?([^()\s<>]*(?:\([^()\s]*\)[^()\s<>]*)*)>?(?:\s+\"[^\"]*\")?\s*\)")
 REFERENCE = re.compile(r"^ {0,3}\[[^\]]+\]: *(\S+)", re.M)
 HEADING = re.compile(r"^ {0,3}(#{1,6}) +(.*?) *#* *$", re.M)
+# Sources of what is made: they stay at home, so a link to one would be dead where the
+# documents are installed.
+NAMED = re.compile(r"`(docs/[\w./-]+)`")
 
-
-def documents():
-    found = []
-    for folder, names, files in os.walk(ROOT):
-        names[:] = sorted(
-            name for name in names if not name.startswith(".") and name not in NOT_SEARCHED
-        )
-        relative = os.path.relpath(folder, ROOT)
-        found += [os.path.normpath(f"{relative}/{f}") for f in files if f.endswith(".md")]
-    return sorted(found)
-
-
-DOCUMENTS = documents()
+DOCUMENTS = [name for name in files() if name.endswith(".md")]
 every_document = pytest.mark.parametrize("document", DOCUMENTS)
 
 
@@ -85,6 +78,8 @@ def fault_of(document, link):
     path, anchor = target(document, link)
     if path.startswith("..") or not (ROOT / path).exists():
         return "leads to no file"
+    if not path.endswith(INSTALLED):
+        return "leads to what is not installed"
     if anchor and path not in DOCUMENTS:
         return "has an anchor in what is no document"
     if anchor and anchor not in anchors(path):
@@ -140,10 +135,12 @@ def test_each_document_can_be_reached_from_the_readme(readme):
     assert mine - reachable(readme) == set()
 
 
-def test_each_file_of_docs_is_linked_itself_or_by_its_folder():
-    linked = reachable("README.md")
-    for folder, _, names in os.walk(ROOT / "docs"):
-        for name in names:
-            path = pathlib.Path(folder, name).relative_to(ROOT)
-            ways = {str(path), *map(str, path.parents)} - {"docs", "."}
-            assert linked & ways, f"nothing links to {path}"
+def test_each_file_of_docs_is_linked_or_named_itself_or_by_its_folder():
+    known = reachable("README.md")
+    for document in known & set(DOCUMENTS):
+        known = known | set(NAMED.findall(text_of(document)))
+    mine = [name for name in files() if name.startswith("docs/")]
+    assert mine
+    for name in mine:
+        ways = {name, *map(str, pathlib.PurePath(name).parents)} - {"docs", "."}
+        assert known & ways, f"nothing leads to {name}"

@@ -121,6 +121,53 @@ def test_the_messages_in_the_manual_are_the_programs_own(program):
             assert part in texts, message
 
 
+# The statuses of the receiver stand in its manual and on its page, each being read alone.
+
+
+def plain(text):
+    return re.sub(r"[*_`]", "", text).strip().rstrip(".").lower()
+
+
+def told_in_manual():
+    lines = sections(manual(MANUALS[0], "replay_receiver"))["# EXIT STATUS"]
+    pairs = zip(lines, lines[1:])
+    return {line.strip("*"): plain(text) for line, text in pairs if text.startswith("\t")}
+
+
+def receiver_page():
+    (found,) = re.findall(
+        r"^## Exit status\n(.*?)^## ", (ROOT / "docs/receiver.md").read_text(), re.M | re.S
+    )
+    return found
+
+
+def first_that_wins(text):
+    """The numbers in the sentence about several that apply."""
+    (numbers,) = re.findall(r"(?:\d(?:, |、)){2,}\d", text)
+    return re.findall(r"\d", numbers)
+
+
+def test_the_receivers_page_and_manual_tell_the_same_of_each_status():
+    rows = dict(re.findall(r"^\| (\d+) \| (.*) \|$", receiver_page(), re.M))
+    assert {number: plain(text) for number, text in rows.items()} == told_in_manual()
+
+
+def test_the_statuses_that_are_told_are_those_of_the_program():
+    (body,) = re.findall(
+        r"enum class exit_status \{(.*?)\};", (ROOT / "receiver/result.h").read_text(), re.S
+    )
+    assert sorted(told_in_manual()) == re.findall(r"^ *\w+ = (\d+)", body, re.M)
+
+
+def test_the_page_and_both_manuals_let_the_same_status_win():
+    english, chinese = (
+        "\n".join(sections(manual(folder, "replay_receiver"))[head])
+        for folder, head in zip(MANUALS, ("# EXIT STATUS", "# 退出状态"))
+    )
+    assert first_that_wins(english) == first_that_wins(receiver_page())
+    assert first_that_wins(chinese) == first_that_wins(english)
+
+
 # -------------------------------------------------------------- what readers see
 
 

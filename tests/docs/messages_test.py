@@ -8,7 +8,9 @@ import re
 import pytest
 
 from conftest import ROOT
-from manual_test import LITERAL, SOURCES, source_texts
+from manual_test import (
+    LITERAL, MANUALS, SOURCES, manual, message_parts, sections, source_texts,
+)
 
 GUIDE = ROOT / "docs" / "guide.md"
 SECTIONS = re.compile(r"^### (?:Messages|What the receiver says).*?(?=^##|\Z)", re.M | re.S)
@@ -115,3 +117,66 @@ def test_a_row_is_about_a_text_that_there_is(cell):
     for part in re.split(r"\b[A-Z]+\b|\b\d[\d.]*|\.\.\.|\. errno|is not (?=at|more)|[():]", cell):
         if re.search(r"[a-z=]{2}", part := part.strip(" ,.'\"/")):
             assert part in known, cell
+
+
+# ------------------------------------------------------- the manuals say it as well
+
+# What stands in front of the messages of one outcome, in the manual and in the guide.
+OUTCOMES = {
+    ("replay_sender", "On standard output,"): "### Messages on standard output",
+    ("replay_sender", "On standard error, and the run goes on:"):
+        "### Messages on standard error that end nothing",
+    ("replay_sender", "On standard error, behind *what():*, and the program ends"):
+        "### Messages that end the program",
+    ("replay_sender", "On standard error, and the program ends"):
+        "### Messages that end the program",
+    ("replay_receiver", "On standard error, behind *replay_receiver:*, and the run goes on:"):
+        "On standard error, behind `replay_receiver: `; the run goes on:",
+    ("replay_receiver", "In the same place, with status 2;"): "Status 2,",
+    ("replay_receiver", "In the same place, with status 3:"): "Status 3,",
+    ("replay_receiver", "In the same place, with status 6:"): "Status 6,",
+}
+# The guide has rows for what went wrong alone.
+SUMMARY = "The first line of the summary,"
+
+
+def by_outcome(program):
+    """The messages of a manual by the sentence in front of them."""
+    lines = sections(manual(MANUALS[0], program))["# DIAGNOSTICS"]
+    found, messages = {}, []
+    for line, following in zip(lines, [*lines[1:], ""]):
+        if not line or line.startswith("\t"):
+            continue
+        if following.startswith("\t"):
+            messages.append(line)
+        else:
+            found[line] = messages = []
+    return found
+
+
+def told_behind(words):
+    """The texts in the first cells of the guide's rows behind these words."""
+    _, found, rest = GUIDE.read_text().partition(f"\n{words}")
+    assert found, words
+    rows = re.split(r"^(?:#|On standard|Status \d|In the middle)", rest, flags=re.M)[0]
+    return re.findall(r"`([^`]+)`", "\n".join(FIRST_CELL.findall(rows)))
+
+
+def test_each_outcome_of_the_manuals_has_its_place_in_the_guide():
+    sentences = [(name, words) for name in SOURCES for words in by_outcome(name)]
+    known = [*OUTCOMES, ("replay_receiver", SUMMARY)]
+    for name, sentence in sentences:
+        assert [k for k in known if k[0] == name and sentence.startswith(k[1])], sentence
+    assert len(sentences) == len(known)
+
+
+@pytest.mark.parametrize("program, words", OUTCOMES)
+def test_a_message_has_the_same_outcome_in_manual_and_guide(program, words):
+    (messages,) = (m for sentence, m in by_outcome(program).items() if sentence.startswith(words))
+    rows = told_behind(OUTCOMES[program, words])
+    assert messages and rows
+    for message in messages:
+        parts = [part for part in message_parts(message) if re.search("[a-z]{2}", part)]
+        # What follows the first one may be shortened in the guide.
+        known = {*parts[:1], *sorted(parts, key=len)[-1:]}
+        assert not known or any(part in row for part in known for row in rows), message

@@ -1,5 +1,5 @@
-"""What the guide and the tuning page give to type, taken out of them and run as it
-stands, and a few of their sentences that no other test shows.
+"""What the guide and the pages on tuning and on the receiver give to type, taken out of
+them and run as it stands, and a few of their sentences that no other test shows.
 """
 
 import os
@@ -17,10 +17,10 @@ from blocks import typed
 from conftest import DEADLINE, PROGRAMS, ROOT, fatal, pieces
 from network_namespace import run
 from replay_receiver import captured_payloads
-from stage import DAY, MATCHED, stage  # noqa: F401: a fixture
+from stage import DAY, MATCHED, OTHERS, stage  # noqa: F401: a fixture
 from udp_receiver import UdpReceiver
 
-DOCUMENTS = ("docs/guide.md", "docs/tuning.md")
+DOCUMENTS = ("docs/guide.md", "docs/tuning.md", "docs/receiver.md")
 GROUP = "239.1.1.1"
 NOBODY = 65534
 PROCESSORS = sorted(os.sched_getaffinity(0))
@@ -233,14 +233,24 @@ def the_settings(stage, text):
 
 @recipe("sysctl -w net.core.wmem_default=")
 def the_buffer_for_datagrams(stage, text):
-    """It is the machine's, so it is set to what it was."""
-    setting, _, value = text.split()[-1].partition("=")
-    assert setting == "net.core.wmem_default" and int(value) > 212992
-    run("sysctl", "-w", f"{setting}={wmem_default()}")
+    """The setting is the whole machine's and no network namespace's. So the command runs as
+    it stands where a plain file lies in the setting's place, in a mount namespace of its
+    own: what it writes and where to is shown, and the machine keeps its value."""
+    needs("unshare", "mount", "sysctl")
+    before = wmem_default()
+    (stage.folder / "setting").write_text(f"{before}\n")
+    in_its_place = f"mount --bind setting {WMEM_DEFAULT}\n"
+    shown = run("unshare", "--mount", "bash", "-ec", f"cd {stage.folder}\n{in_its_place}{text}")
+    assert shown.split(" = ") == ["net.core.wmem_default", f"{text.rpartition('=')[2]}\n"]
+    assert int((stage.folder / "setting").read_text()) == int(text.rpartition("=")[2]) > before
+    assert wmem_default() == before
+
+
+WMEM_DEFAULT = pathlib.Path("/proc/sys/net/core/wmem_default")
 
 
 def wmem_default():
-    return int(pathlib.Path("/proc/sys/net/core/wmem_default").read_text())
+    return int(WMEM_DEFAULT.read_text())
 
 
 @recipe("sysctl -w net.ipv4.tcp_wmem=")
@@ -356,6 +366,36 @@ def one_right(stage, text):
     assert member.receive(1) == [DAY[:10240]]
     member.close()
     sender.kill()
+
+
+# ------------------------------------------------------------------ the receiver
+
+# Its filter lets every datagram of the capture through.
+ALL_DATAGRAMS = [*MATCHED[:100], OTHERS[0].payload, *MATCHED[100:]]
+
+
+@recipe("replay_receiver --filetype 1 --filter udp --filepath day.pcap --protocol udp")
+def one_line_for_both(stage, text):
+    """The rate is measured, and a busy machine may miss it: then the status is 4."""
+    receive, send = typed("docs/receiver.md")
+    assert receive == text
+    receiver = stage.receive(text, stage.sending)
+    receiver.wait_until_bound(5000)
+    sender = stage.send(send)
+    assert receiver.wait() in (0, 4), receiver.errors()
+    count = len(ALL_DATAGRAMS)
+    assert f"{count} of {count} messages whole" in receiver.output()
+    assert (stage.folder / "day.html").stat().st_size > 0
+    assert sender.stop() == 0
+
+
+@recipe("replay_sender   --filetype 1 --filter udp --filepath day.pcap --protocol udp")
+def the_other_half(stage, text):
+    there = bound(stage, stage.sending)
+    sender = stage.send(text)
+    assert there.receive(len(ALL_DATAGRAMS)) == ALL_DATAGRAMS
+    assert sender.stop() == 0
+    there.close()
 
 
 # ------------------------------------------------------------------- sentences
