@@ -4,7 +4,6 @@ and all that the end-to-end tests' harness offers.
 REPLAY_SENDER and REPLAY_RECEIVER name the programs.
 """
 
-import importlib.util
 import os
 import pathlib
 import re
@@ -14,7 +13,9 @@ import sys
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-E2E = ROOT / "tests" / "e2e"
+sys.path.append(str(ROOT / "tests" / "e2e"))
+from harness import load_harness  # noqa: E402: it is there
+
 RELEASE = ROOT / "build" / "release"
 PROGRAMS = {
     "replay_sender": os.environ.get("REPLAY_SENDER", RELEASE / "replay_sender"),
@@ -26,21 +27,12 @@ COMPLETIONS = ROOT / "packaging" / "completions"
 HELP_LINE = re.compile(r"^ {2,4}(?:(-\w),)?(--[\w-]+)(?: ([^ \n]+))?(?: {2,}|$)", re.M)
 
 
-def load_e2e_harness():
-    """The other conftest.py, under a name of its own."""
-    spec = importlib.util.spec_from_file_location("e2e_harness", E2E / "conftest.py")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
-
-
 # The modules beside that harness take what they need from "conftest", which is this one
 # here. Its fixtures come along.
-HARNESS = load_e2e_harness()
+HARNESS = load_harness()
 globals().update(
     {name: value for name, value in vars(HARNESS).items() if not name.startswith("_")}
 )
-sys.path.append(str(E2E))
 
 
 def run(program, *words):

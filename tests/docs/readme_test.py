@@ -10,12 +10,10 @@ import pytest
 
 from blocks import tabled
 from conftest import ROOT, debug_dump, echo, pieces
-from replay_receiver import captured_payloads
-from stage import DAY, DAYS, MATCHED, stage  # noqa: F401: a fixture
+from stage import DAY, DAYS, GROUP, MATCHED, recorded_group, stage  # noqa: F401: a fixture
 from udp_receiver import UdpReceiver
 
 READMES = ("README.md", "README.zh-CN.md")
-GROUP = "239.1.1.1"
 LARGEST_PICTURE = 200_000
 
 RECIPES = {}
@@ -137,21 +135,7 @@ def a_proof(stage, command):
     "--duration 60 --write seen.pcap"
 )
 def a_minute_of_a_group(stage, command):
-    """The minute is cut short, by a Ctrl-C behind the last datagram."""
-    run = stage.receive(command)
-    run.wait_until_bound(5000, GROUP)
-    sender = stage.send(
-        "replay_sender --filetype 1 --filepath day.pcap --filter 'udp and port 5000' "
-        "--protocol udp --ip 239.1.1.1 --port 5000 --device eth1 --mbps 20"
-    )
-    run.wait_until(
-        lambda: stage.receiving.counter("Udp", "InDatagrams") == len(MATCHED),
-        "all datagrams",
-    )
-    run.signal(signal.SIGINT)
-    run.expect(0)
-    assert captured_payloads(stage.folder / "seen.pcap") == MATCHED
-    assert sender.stop(signal.SIGINT) == 0
+    assert recorded_group(stage, command, "day.pcap", "seen.pcap") == MATCHED
 
 
 # ------------------------------------------------------------------- are all tried

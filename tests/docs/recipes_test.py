@@ -16,12 +16,10 @@ import capture_builder as build
 from blocks import typed
 from conftest import DEADLINE, PROGRAMS, ROOT, fatal, pieces
 from network_namespace import run
-from replay_receiver import captured_payloads
-from stage import DAY, MATCHED, OTHERS, stage  # noqa: F401: a fixture
+from stage import DAY, GROUP, MATCHED, OTHERS, recorded_group, stage  # noqa: F401: a fixture
 from udp_receiver import UdpReceiver
 
 DOCUMENTS = ("docs/guide.md", "docs/tuning.md", "docs/receiver.md")
-GROUP = "239.1.1.1"
 NOBODY = 65534
 PROCESSORS = sorted(os.sched_getaffinity(0))
 
@@ -123,22 +121,8 @@ def a_recording(stage, text):
 @recipe("replay_receiver --protocol udp --ip 239.1.1.1 --port 5000 --device eth1 "
         "--duration 60 --write day.pcap")
 def a_recording_of_a_group(stage, text):
-    """The minute is cut short, by a Ctrl-C behind the last datagram."""
     (stage.folder / "day.pcap").rename(stage.folder / "old.pcap")
-    receiver = stage.receive(text)
-    receiver.wait_until_bound(5000, GROUP)
-    sender = stage.send(
-        "replay_sender --filetype 1 --filepath old.pcap --filter 'udp and port 5000' "
-        "--protocol udp --ip 239.1.1.1 --port 5000 --device eth1 --mbps 20"
-    )
-    receiver.wait_until(
-        lambda: stage.receiving.counter("Udp", "InDatagrams") == len(MATCHED),
-        "all datagrams",
-    )
-    receiver.signal(signal.SIGINT)
-    receiver.expect(0)
-    assert captured_payloads(stage.folder / "day.pcap") == MATCHED
-    assert sender.stop() == 0
+    assert recorded_group(stage, text, "old.pcap", "day.pcap") == MATCHED
 
 
 @recipe("replay_receiver --filetype 1 --filepath day.pcap --filter "

@@ -16,7 +16,9 @@ import capture_builder as build
 from conftest import PROGRAMS, Program, Receiver, Sender, random_bytes
 from network_namespace import Host, create_cable
 from privilege_test import listen
-from replay_receiver import ReplayReceiver
+from replay_receiver import ReplayReceiver, captured_payloads
+
+GROUP = "239.1.1.1"
 
 # Enough messages for the verdict on the rate, which the first of them spoils.
 DAY = random_bytes(220 * 10240 + 1)
@@ -129,6 +131,25 @@ def kill_all_on(host):
     for pid in names.stdout.split():
         with contextlib.suppress(ProcessLookupError):
             os.kill(int(pid), signal.SIGKILL)
+
+
+def recorded_group(stage, text, recording, written):
+    """The payloads that a receiver of a group writes, started as it is typed, while a
+    recording is sent there. Its minute is cut short by a Ctrl-C behind the last datagram."""
+    receiver = stage.receive(text)
+    receiver.wait_until_bound(5000, GROUP)
+    sender = stage.send(
+        f"replay_sender --filetype 1 --filepath {recording} --filter 'udp and port 5000' "
+        f"--protocol udp --ip {GROUP} --port 5000 --device eth1 --mbps 20"
+    )
+    receiver.wait_until(
+        lambda: stage.receiving.counter("Udp", "InDatagrams") == len(MATCHED),
+        "all datagrams",
+    )
+    receiver.signal(signal.SIGINT)
+    receiver.expect(0)
+    assert sender.stop(signal.SIGINT) == 0
+    return captured_payloads(stage.folder / written)
 
 
 @pytest.fixture

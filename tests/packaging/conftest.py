@@ -5,17 +5,20 @@ REPLAY_BUILD names the folder of an optimised build of both programs.
 """
 
 import datetime
-import importlib.util
 import os
 import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import tarfile
 
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(ROOT / "tests" / "e2e"))
+from harness import load_harness  # noqa: E402: it is there
+
 BUILD = pathlib.Path(os.environ.get("REPLAY_BUILD", ROOT / "build" / "release"))
 PROGRAMS = ("replay_sender", "replay_receiver")
 VERSION = re.search(r"^  VERSION (.*)$", (ROOT / "CMakeLists.txt").read_text(), re.M)[1]
@@ -180,16 +183,7 @@ def rebuilt(stranger):
     return stranger / "build"
 
 
-def load_e2e_harness():
-    """The other conftest.py, under a name of its own."""
-    path = ROOT / "tests" / "e2e" / "conftest.py"
-    spec = importlib.util.spec_from_file_location("e2e_harness", path)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
-
-
 def pytest_configure(config):
     if not (BUILD / "CPackConfig.cmake").exists():
         raise pytest.UsageError(f"no build at {BUILD}; set REPLAY_BUILD")
-    config.pluginmanager.register(load_e2e_harness().SkipStatus(), "skip-status")
+    config.pluginmanager.register(load_harness().SkipStatus(), "skip-status")
