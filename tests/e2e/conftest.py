@@ -202,6 +202,20 @@ class Program:
             f"--- stdout\n{self.output()}--- stderr\n{self.errors()}"
         )
 
+    def states(self):
+        """By thread: the kernel's letter for what it does."""
+        found = {}
+        for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                text = (thread / "stat").read_text()
+                found[int(thread.name)] = text.rpartition(")")[2].split()[0]
+        return found
+
+    def is_blocked_in(self, thread, function):
+        """Whether this thread waits in the kernel, in a function with this in its name."""
+        place = pathlib.Path(f"/proc/{self.pid}/task/{thread}/wchan")
+        return function in place.read_text()
+
 
 class Sender(Program):
     """One run of the sender."""

@@ -2,22 +2,12 @@
 between two instructions, however long it takes."""
 
 import contextlib
-import os
 from signal import SIGCONT, SIGSTOP
 
 
 def all_stopped(program):
     """Each of its threads; one that works on is not seen in the process's own state."""
-    tasks = f"/proc/{program.pid}/task"
-    return all(state_of(f"{tasks}/{task}") in "TX" for task in os.listdir(tasks))
-
-
-def state_of(task):
-    try:
-        with open(f"{task}/stat") as stat:
-            return stat.read().rpartition(")")[2].split()[0]
-    except (FileNotFoundError, ProcessLookupError):
-        return "X"  # it has ended
+    return set(program.states().values()) <= {"T", "X"}
 
 
 def halt(program):

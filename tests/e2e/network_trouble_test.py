@@ -13,7 +13,6 @@ import contextlib
 import functools
 import itertools
 import json
-import pathlib
 import random
 import re
 import signal
@@ -808,8 +807,7 @@ def creeping(apart):
 
 def waits_for_room(sender):
     """In the middle of a message."""
-    place = pathlib.Path(f"/proc/{sender.pid}/task/{sender.poller()}/wchan")
-    return "poll_schedule" in place.read_text()
+    return sender.is_blocked_in(sender.poller(), "poll_schedule")
 
 
 def creep_until_waited_for(sender, receiver, near):

@@ -96,7 +96,7 @@ class Run(Sender):
 
     def waits_for_its_sending_thread(self):
         """The main thread spins whatever it does, but for that."""
-        return states_of(self).get(self.pid) == "S"
+        return self.states().get(self.pid) == "S"
 
     def expect_nothing_left(self):
         """No process of its group."""
@@ -115,17 +115,6 @@ class Run(Sender):
             other.bind((LOCALHOST, self.port))
             if protocol == "tcp":
                 other.listen()
-
-
-def states_of(run):
-    """By thread: the kernel's letter for what it does."""
-    found = {}
-    tasks = f"/proc/{run.pid}/task"
-    for thread in os.listdir(tasks):
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            with open(f"{tasks}/{thread}/stat") as text:
-                found[int(thread)] = text.read().rpartition(")")[2].split()[0]
-    return found
 
 
 def has_processes(group):
@@ -406,9 +395,9 @@ def test_a_stop_while_the_configuration_is_shown_is_forgotten(data_file, tmp_pat
         )
     os.close(write_end)
     try:
-        run.wait_until(lambda: blocked_in(run.pid, "pipe_write"), "the full pipe")
+        run.wait_until(lambda: run.is_blocked_in(run.pid, "pipe_write"), "the full pipe")
         run.signal(signal.SIGINT)
-        run.wait_until(lambda: not blocked_in(run.pid, "pipe_write"), "the signal")
+        run.wait_until(lambda: not run.is_blocked_in(run.pid, "pipe_write"), "the signal")
         receiver = wait_to_connect(run, port)
         assert receiver.read_exactly(4) == b"data"
         run.signal(signal.SIGINT)
@@ -445,11 +434,6 @@ def read_to_end(read_end):
         text += chunk
 
 
-def blocked_in(pid, function):
-    with open(f"/proc/{pid}/wchan") as place:
-        return function in place.read()
-
-
 def wait_to_connect(run, port):
     def connected():
         with contextlib.suppress(ConnectionRefusedError):
@@ -480,11 +464,11 @@ def stop_while_its_text_is_stuck(run):
     thread, then, waits for that thread."""
     run.wait_until(lambda: len(run.threads()) == 2, "the sending thread")
     poller = run.poller()
-    run.wait_until(lambda: blocked_in(poller, "pipe_write"), "the full pipe")
+    run.wait_until(lambda: run.is_blocked_in(poller, "pipe_write"), "the full pipe")
     run.signal(signal.SIGINT)
     run.wait_until(run.waits_for_its_sending_thread, "the end of the replay")
     time.sleep(0.2)  # twice what the sending thread waits for events
-    assert run.running() and blocked_in(poller, "pipe_write")
+    assert run.running() and run.is_blocked_in(poller, "pipe_write")
 
 
 @pytest.mark.parametrize("end", ["reads on", "goes away"])
@@ -552,11 +536,11 @@ def send_at_once(run, numbers):
 
 def is_stopped(run):
     """All its threads."""
-    return set(states_of(run).values()) == {"T"}
+    return set(run.states().values()) == {"T"}
 
 
 def goes_on(run):
-    return "T" not in states_of(run).values()
+    return "T" not in run.states().values()
 
 
 def send_until_the_end(run, numbers):

@@ -598,8 +598,7 @@ def test_a_short_send_to_a_stalled_newer_receiver_is_told_and_finished(
 
 def waits_in_kernel(sender, thread):
     """Both threads spin while they have a choice; this one sleeps."""
-    with open(f"/proc/{sender.pid}/task/{thread}/stat") as stat:
-        return stat.read().rpartition(")")[2].split()[0] == "S"
+    return sender.states().get(thread) == "S"
 
 
 def test_a_stop_in_the_slow_path_waits_for_the_receiver_to_drain(stalled_newer):
