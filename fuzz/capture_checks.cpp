@@ -14,8 +14,10 @@
 #include "capture_source.h"
 #include "caught_streams.h"
 #include "check.h"
+#include "memory_file.h"
 #include "outcome.h"
 #include "source.h"
+#include "support/capture_builder.h"
 
 namespace fuzz {
 
@@ -210,6 +212,38 @@ void require_words(
     require(complaint.back() == '\n', "a complaint is a line");
 }
 
+// A payload of two messages over this transport.
+class other_capture {
+public:
+    explicit other_capture(const std::string& transport)
+    {
+        const support::frame_parts parts{.payload = std::string(MESSAGE + 1, 'o')};
+        file_.write(support::capture_bytes(
+            {transport == "udp" ? support::udp_frame(parts)
+                                : support::tcp_frame(parts)}));
+    }
+
+    const std::string& path() const { return file_.path(); }
+
+private:
+    memory_file file_;
+};
+
+// Opens a capture of the other transport, and leaves it between its two messages.
+void leave_in_the_middle(capture_reader& reader, const std::string& transport)
+{
+    static const other_capture over_tcp("tcp");
+    static const other_capture over_udp("udp");
+    const bool tcp = transport == "udp";
+    const auto buffer = std::make_unique<char[]>(MESSAGE);
+    size_t length = 0;
+    require(
+        reader.open((tcp ? over_tcp : over_udp).path(), tcp ? "tcp" : "udp") &&
+            reader.read(buffer.get(), length) &&
+            std::string_view(buffer.get(), length) == std::string(MESSAGE, 'o'),
+        "a capture is read behind any other");
+}
+
 // One capture after another with one reader, which a refusal leaves open.
 void check_sender(
     const std::string& path, const std::string& filter, const plain_reading& expected)
@@ -218,6 +252,7 @@ void check_sender(
     capture_reader reader;
     require_same(read_as_sender(reader, path, filter), expected);
     require_words(streams, path, expected);
+    leave_in_the_middle(reader, transport_named(filter));
     require_same(read_as_sender(reader, path, filter), expected);
 }
 

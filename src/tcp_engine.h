@@ -407,7 +407,7 @@ public:
         rc |= unblock_socket(conn_fd_);
         const auto poller = poller_.lock();
         if (rc != 0 || poller == nullptr)
-            return; // the receiver stays connected and hears nothing
+            return; // the receiver stays connected, and asks for nothing
         conn_handle_ = poller->add_fd(conn_fd_, this);
         poller->set_pollout(conn_handle_);
         if (queue_ == nullptr) {

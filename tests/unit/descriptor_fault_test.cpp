@@ -134,6 +134,26 @@ TEST_P(FaultOfTuning, LeavesTheReceiverConnectedAndUnregistered)
     EXPECT_EQ(run.engine.push_msg_to_pipe(support::message("data")), -1); // no queue
 }
 
+// The earlier one's registration asks for the messages, which go to the newest.
+TEST_P(FaultOfTuning, WithAReceiverThereItTakesItsPlace)
+{
+    tcp_run run;
+    run.listen();
+    run.engine.in_event();
+    const auto newest = support::connected_to(support::listening_port());
+    socket_trace trace;
+    trace.fail(GetParam().step, GetParam().error);
+
+    run.engine.in_event();
+    ASSERT_EQ(run.engine.push_msg_to_pipe(support::message("data")), 0);
+    run.engine.out_event();
+
+    EXPECT_THAT(trace.lines, Not(Contains("add none")));
+    EXPECT_FALSE(support::is_readable(run.receiver.get()));
+    ASSERT_TRUE(support::is_readable(newest.get()));
+    EXPECT_EQ(support::receive_exactly(newest.get(), 4), "data");
+}
+
 INSTANTIATE_TEST_SUITE_P(
     EveryError, FaultOfTuning,
     testing::Values(

@@ -12,6 +12,7 @@
 
 #include "support/call_seam.h"
 #include "support/engine_fixture.h"
+#include "support/fake_clock.h"
 #include "support/output_capture.h"
 #include "support/send_errors.h"
 #include "support/socket_trace.h"
@@ -196,7 +197,11 @@ TEST_F(DatagramFault, EveryOtherErrorOfARetryIsASocketErrorAndDropsThatMessageAl
     for (const result_t& first : {result_t{-1, EAGAIN}, result_t{4}}) {
         for (const int error : support::SEND_ERRORS) {
             open();
+            engine_->set_speed(1000000);
+            g_debug_mode = 1; // which shows what has been sent
+            const support::fake_clock clock(1000000000);
             const std::string output = send_first(first, {{-1, error}});
+            g_debug_mode = 0;
 
             const int sent = first.value == 4 ? 4 : 0;
             EXPECT_EQ(
@@ -205,7 +210,9 @@ TEST_F(DatagramFault, EveryOtherErrorOfARetryIsASocketErrorAndDropsThatMessageAl
                 << error;
             EXPECT_THAT(sends_, SizeIs(1)) << error;
             EXPECT_EQ(changes_, NO_INTEREST) << error;
+            EXPECT_EQ(vesk::stats.bytes_sent, 0u) << error;
             expect_the_next_leaves();
+            vesk::stats = vesk::replay_stats{};
         }
     }
 }

@@ -269,6 +269,9 @@ TEST_F(TcpEngineFault, EveryOtherErrorOnTheSlowPathIsASocketErrorBehindThePartTh
         own.listen();
         const auto fd = own.accepted_receiver();
         own.push("0123456789");
+        own.engine->set_speed(1000000);
+        g_debug_mode = 1; // which shows what has been sent
+        const support::fake_clock clock(1000000000);
         int sends = 0;
         const support::scoped_call<call::send> hook(
             [&](int target, const void* data, size_t, int flags) {
@@ -290,6 +293,7 @@ TEST_F(TcpEngineFault, EveryOtherErrorOnTheSlowPathIsASocketErrorBehindThePartTh
         EXPECT_EQ(own.interest(), 0u) << error;
         EXPECT_EQ(support::receive_exactly(fd.get(), 4), "0123") << error;
         EXPECT_FALSE(support::is_readable(fd.get())) << error;
+        EXPECT_EQ(vesk::stats.bytes_sent, 0u) << error;
     }
 }
 
