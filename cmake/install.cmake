@@ -94,8 +94,10 @@ endforeach()
 # Documents, in the folders that their links expect.
 file(GLOB documents CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.png)
-file(GLOB charts CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/results/two-processors/*.svg)
 install(FILES README.md README.zh-CN.md CHANGELOG.md CONTRIBUTING.md SECURITY.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
-install(FILES ${charts} DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench/results/two-processors)
+foreach(results two-processors soak)
+  file(GLOB charts CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/results/${results}/*.svg)
+  install(FILES ${charts} DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench/results/${results})
+endforeach()

@@ -6,8 +6,12 @@ from signal import SIGCONT, SIGSTOP
 
 
 def all_stopped(program):
-    """Each of its threads; one that works on is not seen in the process's own state."""
-    return set(program.states().values()) <= {"T", "X"}
+    """Each of its threads; one that works on is not seen in the process's own state. A
+    program that has ended has none."""
+    with contextlib.suppress(FileNotFoundError):
+        states = set(program.states().values())
+        return "T" in states and states <= {"T", "X"}
+    return False
 
 
 def halt(program):

@@ -36,7 +36,8 @@ WITHOUT_SYSTEM_CALLS = set(
 # What the standard library and libpcap call on the sender's behalf, which the sender's
 # own imports do not show.
 BY_LIBRARIES = set(
-    """close fclose fopen lseek malloc nanosleep open pthread_create pthread_join read write
+    """close connect fclose fopen fstat getdents64 lseek malloc mmap mprotect nanosleep open
+    pthread_create pthread_join read write
     """.split()
 )
 # How the unit tests' trace words the commands of fcntl.
@@ -86,13 +87,11 @@ def rows_of(text):
 
 
 class PythonTests:
-    """The tests of a Python file, and the source that each of them consists of: its
-    decorators, its body and the module's own lists that these name."""
+    """The tests of a Python file, and the source that each of them consists of, without
+    its comments: its decorators, its body and the module's own lists that these name."""
 
     def __init__(self, path):
-        text = path.read_text()
-        self._lines = text.splitlines()
-        module = ast.parse(text)
+        module = ast.parse(path.read_text())
         self._lists = {
             target.id: node.value
             for node in module.body if isinstance(node, ast.Assign)
@@ -108,7 +107,9 @@ class PythonTests:
         return list(self._tests)
 
     def source(self, name):
-        parts = [self._tests[name], *self._tests[name].decorator_list]
+        test = self._tests[name]
+        body = test.body[1:] if ast.get_docstring(test) else test.body
+        parts = [*test.decorator_list, *body]
         seen = set()
         for part in parts:
             for node in ast.walk(part):
@@ -116,8 +117,16 @@ class PythonTests:
                     if node.id not in seen:
                         seen.add(node.id)
                         parts.append(self._lists[node.id])
-        lines = [line for part in parts for line in self._lines[part.lineno - 1 : part.end_lineno]]
-        return "\n".join(lines)
+        return "\n".join(map(ast.unparse, parts))
+
+
+CPP_COMMENT = r"(?://[^\n]*|/\*.*?\*/)"
+CPP_STRING = r"""(R"(\w*)\(.*?\)\2"|"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\])')"""
+
+
+def without_comments(text):
+    """A C++ source's text; what looks like a comment within a string stays."""
+    return re.sub(f"{CPP_STRING}|{CPP_COMMENT}", r"\1", text, flags=re.DOTALL)
 
 
 class CppTests:
@@ -125,10 +134,11 @@ class CppTests:
     which may stand in a header of the tests."""
 
     def __init__(self, path, root):
-        self._text = path.read_text()
+        self._text = without_comments(path.read_text())
         headers = re.findall(r'^#include "(support/[\w/]+\.h)"', self._text, re.MULTILINE)
         around = [(root / "tests" / header) for header in headers]
-        texts = [self._text, *(each.read_text() for each in around if each.exists())]
+        texts = [self._text]
+        texts += [without_comments(each.read_text()) for each in around if each.exists()]
         self._lists = {}
         for text in texts:
             for found in re.finditer(
@@ -329,7 +339,9 @@ constexpr int OTHER = {ENODEV};
 // EACCES
 TEST{kind}({newline}Suite,{newline}Name)
 {
-    fail("option SO_REUSEADDR", EIO, OWN);
+    fail("option // SO_REUSEADDR", EIO, OWN); // EBUSY
+    /* ECHILD
+       EDOM */ fail('"', R"(")"); /* " */
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -343,7 +355,8 @@ OTHERS = ["EBUSY"]
 
 @pytest.mark.parametrize("error", ["EIO", *FAULTS])
 def test_b(error):
-    assert "EPERM"
+    '''EBADF'''
+    assert "EPERM"  # ENODEV
 
 def helper():
     def test_nested():

@@ -12,6 +12,7 @@ import itertools
 import json
 import os
 import random
+import resource
 import select
 import signal
 import socket
@@ -21,6 +22,7 @@ import time
 
 import pytest
 
+import capture_builder as build
 from capture_test import reading
 from conftest import (
     BINARY,
@@ -37,6 +39,7 @@ from conftest import (
     pieces,
     random_bytes,
 )
+from halting import all_stopped, held
 from stoppable_runs import (
     KINDS,
     PHASES,
@@ -47,6 +50,7 @@ from stoppable_runs import (
     summary,
 )
 from tcp_run_test import (  # noqa: F401: fixtures, and what tells of the slow path
+    flags_and_position,
     parse_slow_sends,
     stalled_newer,
 )
@@ -319,9 +323,9 @@ class Attempt:
     def _tails(self):
         if not self.kind.debug:
             return self.audience.tails
-        # Only what has left completely is dumped.
-        count = self.audience.messages_seen(self.messages)
-        return (debug_dump(self.messages[:count]),)
+        count = self.audience.dumped(self.run.output(), self.messages)
+        dumps = debug_dump(itertools.islice(itertools.cycle(self.messages), count))
+        return tuple(dumps + tail for tail in self.audience.tails)
 
     def _wait_for_phase(self):
         if self.moment.phase == "middle":
@@ -518,6 +522,127 @@ def test_a_stop_waits_for_room_for_a_socket_error_or_until_its_reader_goes_away(
         assert run.errors() == ""
 
 
+# ------------------------------------------- a capture of which nothing passes
+
+
+RECORD_SIZE = 16  # of a frame without a byte
+FAR = 32 << 20  # bytes, which take longer to read than a signal to arrive
+
+
+class ZeroCapture:
+    """A capture that goes on and on with frames of no bytes, which no filter lets
+    through, and takes no room on the disk."""
+
+    def __init__(self, path):
+        self.path = path
+        self._head = build.pcap([])
+        path.write_bytes(self._head)
+        os.truncate(path, 1 << 36)  # minutes of reading
+
+    def position(self, run):
+        """How much of it the run has read."""
+        (descriptor,) = (
+            number for number, path in run.descriptors().items() if path == str(self.path)
+        )
+        return flags_and_position(run, descriptor)[1]
+
+    def end(self, run):
+        """Puts a last frame right behind what the run, which is halted, has read. It
+        passes the filter and is too short, which is told at the capture's end."""
+        records = -((len(self._head) - self.position(run)) // RECORD_SIZE)
+        size = len(self._head) + records * RECORD_SIZE
+        last = build.pcap([build.udp(b"").truncated(41)]).removeprefix(self._head)
+        with open(self.path, "r+b") as file:
+            file.truncate(size)
+            file.seek(size)
+            file.write(last)
+
+
+@pytest.mark.parametrize("number", STOP_SIGNALS)
+def test_a_stop_waits_for_the_end_of_a_capture_of_which_nothing_passes(
+    start, tmp_path, number
+):
+    """libpcap looks for the next frame that passes and comes back with that or at the
+    end, whatever signals come."""
+    capture = ZeroCapture(tmp_path / "a.pcap")
+    there = UdpReceiver()
+    run = start(
+        "--filepath", capture.path, "--port", str(there.port), "--protocol", "udp",
+        "--filetype", "1", "--filter", "udp", "--loopback", "0",
+    )
+    run.wait_for_output(reading(capture.path))
+    run.wait_until(lambda: capture.position(run) > FAR, "the reading")
+    run.signal(number)
+    reached = capture.position(run)
+    run.wait_until(lambda: capture.position(run) > reached + FAR, "the reading goes on")
+    with held(run):
+        capture.end(run)
+    run.expect(
+        output=echo(
+            capture.path, f"{LOCALHOST}:{there.port}", filetype=1, loopback=0,
+            filter="udp", protocol="udp",
+        )
+        + reading(capture.path),
+        errors=f"{capture.path}: 1 frame(s) shorter than their headers, "
+        "0 payload(s) longer than 10240 bytes\n",
+    )
+    assert there.is_quiet()
+    there.close()
+
+
+# ------------------------------------------------------- a name in a filter
+
+# A network and a list of name servers that only this program sees.
+OWN_RESOLVER = 'ip link set lo up && mount --bind "$1" /etc/resolv.conf && shift && exec "$@"'
+# A name server that never answers: the program inherits its socket, and nobody reads it.
+DEAF_SERVER = """
+import os, socket, sys
+server = socket.socket(type=socket.SOCK_DGRAM)
+server.bind(("127.0.0.1", 53))
+server.set_inheritable(True)
+os.execv(sys.argv[1], sys.argv[1:])
+"""
+
+
+@pytest.fixture
+def deaf_resolver(tmp_path):
+    """The words in front of a program, which then waits three seconds for each name."""
+    namespaces = ["unshare", "--mount", "--net"]
+    if os.geteuid() != 0 or subprocess.run([*namespaces, "true"]).returncode != 0:
+        pytest.skip("namespaces need root")
+    path = tmp_path / "resolv.conf"
+    path.write_text("nameserver 127.0.0.1\noptions timeout:3 attempts:1\n")
+    there = ["sh", "-c", OWN_RESOLVER, "sh", path]
+    return [*namespaces, *there, sys.executable, "-c", DEAF_SERVER]
+
+
+def has_pending_signals(run):
+    with open(f"/proc/{run.pid}/status") as status:
+        return any(int(line.split()[1], 16) for line in status if "Pnd:" in line)
+
+
+def test_a_stop_waits_for_the_look_up_of_a_name_in_a_filter(tmp_path, deaf_resolver):
+    """It is begun by libpcap, which takes a wait up again that a signal interrupts."""
+    path, _, _ = a_capture(tmp_path)
+    settings = {"filetype": 1, "filter": "udp and host nobody.invalid", "protocol": "udp"}
+    words = [BINARY, "--filepath", path, "--port", "9"]
+    words += [str(each) for name, value in settings.items() for each in ("--" + name, value)]
+    run = Program(tmp_path, [*deaf_resolver, *words])
+    try:
+        run.wait_until(lambda: reading(path) in run.output(), "the capture")
+        run.wait_until(lambda: run.is_blocked_in(run.pid, "poll"), "the look-up")
+        run.signal(signal.SIGINT)
+        run.wait_until(
+            lambda: not has_pending_signals(run) and run.is_blocked_in(run.pid, "poll"),
+            "the look-up goes on",
+        )
+        assert run.wait() == 0
+        assert run.output() == echo(path, f"{LOCALHOST}:9", **settings) + reading(path)
+        assert run.errors() == "compile fileter failed! unknown host 'nobody.invalid'\n"
+    finally:
+        run.kill()
+
+
 # -------------------------------------------------------- more than one stop signal
 
 
@@ -528,19 +653,8 @@ def send_one_after_the_other(run, numbers):
 
 def send_at_once(run, numbers):
     """All are pending when the run goes on."""
-    run.signal(signal.SIGSTOP)
-    run.wait_until(lambda: is_stopped(run), "the stopped state")
-    send_one_after_the_other(run, numbers)
-    run.signal(signal.SIGCONT)
-
-
-def is_stopped(run):
-    """All its threads."""
-    return set(run.states().values()) == {"T"}
-
-
-def goes_on(run):
-    return "T" not in run.states().values()
+    with held(run):
+        send_one_after_the_other(run, numbers)
 
 
 def send_until_the_end(run, numbers):
@@ -553,14 +667,14 @@ def send_until_the_end(run, numbers):
 
 @pytest.fixture
 def run_of(tmp_path, port):
-    """run_of(path, *words) is a TCP run of this path, listening."""
+    """run_of(path, *words, **options) is a TCP run of this path, listening."""
     runs = []
 
-    def start(path, *words):
+    def start(path, *words, **options):
         directory = tmp_path / f"run-{len(runs)}"
         directory.mkdir()
         words = ["--filepath", str(path), "--port", str(port), *words]
-        runs.append(Run(directory, words, port))
+        runs.append(Run(directory, words, port, **options))
         runs[-1].wait_until_listening()
         return runs[-1]
 
@@ -645,6 +759,48 @@ def test_a_stop_that_interrupts_the_wait_for_a_stalled_receiver_loses_nothing(
         again.pop(number)
     parse_slow_sends(again)
     assert sender.errors() == ""
+
+
+# ------------------------------------ more standard output than a file may hold
+
+
+def limit_output(run, path):
+    """Lets the run, which dumps, write a thousand bytes more: what its output is then."""
+    run.wait_until_replaying()
+    configuration = echo(path, run.address)
+    limit = len(configuration) + 1000
+    resource.prlimit(run.pid, resource.RLIMIT_FSIZE, (limit, limit))
+    return (configuration + debug_dump(pieces(path.read_bytes())))[:limit]
+
+
+def test_more_output_than_a_file_may_hold_ends_the_run_by_its_signal(
+    run_of, data_file, port
+):
+    """The message that was being dumped has left."""
+    data = random_bytes(3 * MESSAGE_SIZE)
+    path = data_file(data)
+    run = run_of(path, "--debug", "1")
+    shown = limit_output(run, path)
+    receiver = Receiver(port)
+    assert receiver.read_to_end() == data[:MESSAGE_SIZE]
+    receiver.close()
+    run.expect(-signal.SIGXFSZ, shown)
+
+
+def test_more_output_than_a_file_may_hold_is_lost_where_its_signal_is_ignored(
+    run_of, data_file, port
+):
+    """Python ignores it, and so does what it starts without giving its signals back."""
+    data = random_bytes(3 * MESSAGE_SIZE)
+    path = data_file(data)
+    run = run_of(path, "--debug", "1", restore_signals=False)
+    shown = limit_output(run, path)
+    receiver = Receiver(port)
+    assert receiver.read_exactly(len(data)) == data
+    run.stop()
+    assert receiver.read_to_end() == b""
+    receiver.close()
+    run.expect(output=shown)
 
 
 # --------------------------------------------------- the signals that change nothing
@@ -756,14 +912,18 @@ def test_a_storm_while_nobody_has_come_changes_nothing(run_of, data_file, port):
     run.expect(output=echo(path, run.address))
 
 
+def test_a_program_that_has_ended_does_not_count_as_halted(run_of, data_file):
+    run = run_of(data_file(b"data"))
+    run.kill()
+    assert not all_stopped(run)
+
+
 def pause_and_continue(run, times):
     """Stops the whole program so often, each time for a moment."""
     for _ in range(times):
-        run.signal(signal.SIGSTOP)
-        run.wait_until(lambda: is_stopped(run), "the stopped state")
-        time.sleep(POLL_INTERVAL)
-        run.signal(signal.SIGCONT)
-        run.wait_until(lambda: goes_on(run), "the running state")
+        with held(run):
+            time.sleep(POLL_INTERVAL)
+        run.wait_until(lambda: "T" not in run.states().values(), "the running state")
 
 
 @pytest.mark.parametrize(

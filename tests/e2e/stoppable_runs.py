@@ -5,6 +5,7 @@ Run by itself with the name of a record that these tests wrote, it prints how th
 ended and how long that took.
 """
 
+import bisect
 import contextlib
 import dataclasses
 import itertools
@@ -94,8 +95,13 @@ class Nobody:
         """Compares what came with what should have come."""
 
     def messages_seen(self, messages):
-        """How many messages have come, all of them whole."""
+        """How many messages have come; whether the last of them is whole, check() tells."""
         return 0
+
+    def dumped(self, output, messages):
+        """How many messages a run with this output has to have dumped: those that have
+        left whole."""
+        return self.messages_seen(messages)
 
     def close(self):
         pass
@@ -144,7 +150,7 @@ class Reader(Nobody):
     def messages_seen(self, messages):
         sums = [0, *itertools.accumulate(map(len, messages))]
         passes, rest = divmod(self._size, sums[-1])
-        return passes * len(messages) + sums.index(rest)
+        return passes * len(messages) + bisect.bisect_left(sums, rest)
 
     def close(self):
         self.hear_out()
@@ -183,8 +189,11 @@ class Stalled(Reader):
 
     rcvbuf = 4096
 
-    def finished(self, size):
-        return self.begun()  # it never sees more
+    def wait_for(self, run, what, size):
+        """It never sees more; the end is that the sending thread waits for it."""
+        super().wait_for(run, "begun", size)
+        if what == "finished":
+            run.wait_until(lambda: run.is_blocked_in(run.poller(), "poll"), "the stall")
 
     def _read(self, connection):
         # What has come shows that the run has begun, and stays unread.
@@ -210,6 +219,12 @@ class Gone(Reader):
         # What it left unread is lost with the connection, at any byte.
         data = b"".join(self._chunks)
         assert (b"".join(messages) * 2).startswith(data)
+
+    def dumped(self, output, messages):
+        """More may have left than was read; that of which a byte was read has left."""
+        count = output.count("seq: ")
+        assert count >= self.messages_seen(messages)
+        return count
 
     def _connect(self):
         self._receiver = super()._connect()
@@ -346,7 +361,9 @@ KINDS = {
     "TCP, every message dumped": Kind(Reader, a_capture, mbps=40, debug=True),
     "TCP, a stalled receiver": Kind(Stalled, passes=0),
     "TCP, a stalled receiver, a capture": Kind(Stalled, a_capture, passes=0),
+    "TCP, a stalled receiver, dumped": Kind(Stalled, passes=0, debug=True),
     "TCP, a receiver that left": Kind(Gone, passes=0),
+    "TCP, a receiver that left, dumped": Kind(Gone, passes=0, debug=True),
     "UDP, a file": Kind(Datagrams),
     "UDP, a directory": Kind(Datagrams, a_directory),
     "UDP, a capture": Kind(Datagrams, a_capture),

@@ -35,6 +35,7 @@ from conftest import (
     pieces,
     uncaught,
 )
+from tcp_run_test import messages  # noqa: F401, a fixture
 from udp_receiver import (  # noqa: F401, fixtures
     assert_same,
     make_receiver,
@@ -243,18 +244,45 @@ def test_a_udp_run_that_cannot_be_set_up_is_fatal(faulty, path, fault, text, hea
     assert sender.injected() == 1
 
 
+NO_THREAD = (
+    "terminate called after throwing an instance of 'std::system_error'\n"
+    "  what():  Resource temporarily unavailable\n"
+)
+
+
 @not_with(("tsan",), "they start a thread before the program does")
 @pytest.mark.parametrize("error", ["EAGAIN", "ENOMEM"])
 def test_a_thread_that_the_system_does_not_give_ends_the_program(faulty, path, error):
     """The C library tells every such error as a lack of resources."""
     faults = [f"clone3:error={error}", f"clone:error={error}"]
     sender = faulty(faults, "--filepath", path, "--protocol", "udp", "--port", "9")
-    sender.expect(
-        ABORTED,
-        echo(path, f"{LOCALHOST}:9", protocol="udp"),
-        "terminate called after throwing an instance of 'std::system_error'\n"
-        "  what():  Resource temporarily unavailable\n",
-    )
+    sender.expect(ABORTED, echo(path, f"{LOCALHOST}:9", protocol="udp"), NO_THREAD)
+    assert sender.injected() == 1
+
+
+def number_of_the_stacks(call, sender):
+    """Which of the main thread's calls of this name is the one for the new thread's stack:
+    the mapping itself, or the first one behind it."""
+    lines = sender.trace.read_text().splitlines()
+    own = [line for line in lines if line.split()[0] == str(sender.pid)]
+    (stack,) = (number for number, line in enumerate(own) if "MAP_STACK" in line)
+    before = sum(f" {call}(" in line for line in own[:stack])
+    assert any(f" {call}(" in line for line in own[stack:])
+    return before + 1
+
+
+@WITHOUT_CHECKS
+@pytest.mark.parametrize("call", ["mmap", "mprotect"])
+def test_a_stack_that_the_system_does_not_give_ends_the_program(faulty, path, call):
+    """A first run, to which the fault never comes, shows which call it is."""
+    words = ("--filepath", path, "--protocol", "udp", "--port", "9")
+    never = [f"{each}:error=ENOMEM:when=65535" for each in ("mmap", "mprotect")]
+    first = faulty(never, *words)
+    assert first.stop() == 0
+
+    number = number_of_the_stacks(call, first)
+    sender = faulty([f"{call}:error=ENOMEM:when={number}"], *words)
+    sender.expect(ABORTED, echo(path, f"{LOCALHOST}:9", protocol="udp"), NO_THREAD)
     assert sender.injected() == 1
 
 
@@ -280,6 +308,21 @@ def udp_run(faulty, receiver, udp_echo):
         assert sender.injected() >= 1
 
     return run
+
+
+@WITHOUT_CHECKS
+@pytest.mark.parametrize(
+    "fault",
+    [
+        "madvise:error=EINVAL",
+        "munmap:error=EINVAL",
+        "rseq:error=ENOSYS",
+        "rt_sigprocmask:error=EINVAL",
+        "set_robust_list:error=ENOSYS",
+    ],
+)
+def test_a_call_by_which_the_c_library_keeps_house_may_fail(udp_run, path, fault):
+    udp_run([fault], path, confined=False)
 
 
 @pytest.mark.parametrize("error, number", [("EACCES", 13), ("ELOOP", 40), ("ENOMEM", 12)])
@@ -363,7 +406,20 @@ def test_a_file_that_fails_to_close_changes_nothing(udp_run, path, error):
     )
 
 
-@pytest.mark.parametrize("fault", ["openat:error=EMFILE", "getdents64:error=EIO"])
+EXAMINING_ERRORS = ["EBADF", "EIO", "ENOMEM", "EOVERFLOW"]  # of fstat
+LISTING_ERRORS = ["EBADF", "EFAULT", "EINVAL", "EIO", "ENOTDIR"]  # of getdents64
+
+
+@pytest.mark.parametrize(
+    "fault",
+    [
+        "openat:error=EMFILE",
+        *(f"newfstatat:error={error}:when=2" for error in EXAMINING_ERRORS),
+        *(f"getdents64:error={error}:when=1" for error in LISTING_ERRORS),
+        *(f"getdents64:error={error}:when=2" for error in LISTING_ERRORS),
+        "getdents64:error=ENOENT:when=1",
+    ],
+)
 def test_a_directory_that_cannot_be_listed_is_named(faulty, tmp_path, fault):
     directory = tmp_path / "files"
     directory.mkdir()
@@ -380,15 +436,23 @@ def test_a_directory_that_cannot_be_listed_is_named(faulty, tmp_path, fault):
     )
 
 
-def capture_words(path, port):
+def test_a_directory_that_is_gone_when_it_is_read_on_ends_there(udp_run, tmp_path):
+    directory = tmp_path / "files"
+    directory.mkdir()
+    (directory / "file").write_bytes(DATA)
+    udp_run(["getdents64:error=ENOENT:when=2"], directory)
+
+
+def capture_words(path, port, filter="udp"):
     return (
         "--filepath", path, "--port", str(port), "--protocol", "udp",
-        "--filetype", "1", "--filter", "udp",
+        "--filetype", "1", "--filter", filter,
     )
 
 
-def capture_echo(path, port):
-    return echo(path, f"{LOCALHOST}:{port}", filetype=1, filter="udp", protocol="udp")
+def capture_echo(path, port, filter="udp"):
+    address = f"{LOCALHOST}:{port}"
+    return echo(path, address, filetype=1, filter=filter, protocol="udp")
 
 
 def test_a_capture_that_cannot_be_opened_is_told_in_libpcaps_words(faulty, data_file):
@@ -446,28 +510,61 @@ def test_a_read_error_ends_a_capture_behind_its_last_whole_frame(
     assert sender.injected() >= 1
 
 
+@pytest.mark.parametrize("error", EXAMINING_ERRORS)
+def test_a_capture_that_cannot_be_examined_once_it_is_open_is_read_all_the_same(
+    udp_run, data_file, error
+):
+    frames = [udp(bytes([number]) * 1500) for number in range(6)]
+    path = data_file(pcap(frames), "a.pcap")
+    udp_run(
+        [f"newfstatat:error={error}:when=2"], path, "--filetype", "1", "--filter", "udp",
+        expected=payloads(frames), output=reading(path), filetype=1, filter="udp",
+    )
+
+
 def test_a_udp_socket_that_cannot_be_unblocked_sends_all_the_same(udp_run, path):
     udp_run(["fcntl:error=EPERM"], path, confined=False)
 
 
-@pytest.mark.parametrize("error", ["EAGAIN", "EINTR", "EIO", "ENOSPC", "EPIPE"])
-def test_output_that_cannot_be_written_does_not_hold_up_the_run(
-    faulty, path, receiver, error
-):
+def dump_to(receiver, faulty, path, fault):
+    """A run that dumps, with this fault of its standard output, up to a stop."""
     sender = faulty(
-        [f"write:error={error}"],
-        "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
+        [fault], "--filepath", path, "--port", str(receiver.port), "--protocol", "udp",
         "--debug", "1", path="stdout",
     )
     assert_same(receiver.receive(len(MESSAGES)), MESSAGES)
     sender.wait_for_progress()
     sender.signal(signal.SIGINT)
+    return sender
+
+
+@pytest.mark.parametrize("error", EXAMINING_ERRORS)
+def test_standard_output_that_cannot_be_examined_is_written_all_the_same(
+    faulty, path, receiver, udp_echo, error
+):
+    sender = dump_to(receiver, faulty, path, f"newfstatat:error={error}")
+    sender.expect(0, udp_echo(path) + debug_dump(MESSAGES))
+    assert sender.injected() == 1
+
+
+# What the manual page of write names.
+WRITE_ERRORS = [
+    "EAGAIN", "EBADF", "EDESTADDRREQ", "EDQUOT", "EFAULT", "EFBIG", "EINTR", "EINVAL",
+    "EIO", "ENOSPC", "EPERM", "EPIPE",
+]
+
+
+@pytest.mark.parametrize("error", WRITE_ERRORS)
+def test_output_that_cannot_be_written_does_not_hold_up_the_run(
+    faulty, path, receiver, error
+):
+    sender = dump_to(receiver, faulty, path, f"write:error={error}")
     sender.expect(0)
     assert receiver.is_quiet()
     assert sender.injected() >= 1
 
 
-@pytest.mark.parametrize("error", ["EAGAIN", "EINTR", "EIO", "ENOSPC", "EPIPE"])
+@pytest.mark.parametrize("error", WRITE_ERRORS)
 def test_a_line_that_cannot_be_written_takes_all_later_lines_with_it(
     faulty, data_file, receiver, udp_echo, error
 ):
@@ -505,10 +602,7 @@ def test_a_line_that_is_written_in_part_is_finished(
     assert sender.injected() == 1
 
 
-ERRORS_OF_STDERR = ["EAGAIN", "EBADF", "EINTR", "EIO", "ENOSPC", "EPIPE"]
-
-
-@pytest.mark.parametrize("error", ERRORS_OF_STDERR)
+@pytest.mark.parametrize("error", WRITE_ERRORS)
 def test_an_abort_follows_although_its_reason_cannot_be_written(faulty, tmp_path, error):
     """That of an exception and that of a fatal check."""
     missing = tmp_path / "missing"
@@ -525,24 +619,41 @@ def test_an_abort_follows_although_its_reason_cannot_be_written(faulty, tmp_path
     assert sender.injected() >= 1
 
 
-@pytest.mark.parametrize("error", ERRORS_OF_STDERR)
+@pytest.mark.parametrize("error", WRITE_ERRORS)
 def test_a_refused_filter_that_cannot_be_told_is_skipped_all_the_same(
     faulty, data_file, error
 ):
+    expect_a_skipped_capture(
+        faulty, data_file, f"write:error={error}", "udp and and", path="stderr"
+    )
+
+
+def expect_a_skipped_capture(faulty, data_file, fault, filter, errors="", **options):
     path = data_file(pcap([udp(b"x")]), "a.pcap")
-    words = ("--filepath", path, "--port", "9", "--protocol", "udp", "--filetype", "1")
-    words = (*words, "--filter", "udp and and")
-    sender = faulty([f"write:error={error}"], *words, path="stderr")
+    sender = faulty([fault], *capture_words(path, 9, filter), **options)
     sender.wait_for_output("reading from file")
     sender.wait_for_progress()
     sender.signal(signal.SIGINT)
-    description = "link-type EN10MB Ethernet, snapshot lengthL: 262144"
-    sender.expect(
-        0,
-        echo(path, f"{LOCALHOST}:9", filetype=1, filter="udp and and", protocol="udp")
-        + f"reading from file: {path}, {description}\n",
-    )
+    sender.expect(0, capture_echo(path, 9, filter) + reading(path), errors)
     assert sender.injected() >= 1
+
+
+@pytest.mark.parametrize(
+    "fault",
+    [
+        "socket:error=EMFILE:when=2+",  # behind the run's own
+        "socket:error=ENOBUFS:when=2+",
+        "connect:error=EACCES",
+        "connect:error=ENETUNREACH",
+    ],
+)
+def test_a_name_in_a_filter_that_cannot_be_looked_up_is_a_refused_filter(
+    faulty, data_file, fault
+):
+    expect_a_skipped_capture(
+        faulty, data_file, fault, "udp and host nobody.invalid",
+        errors="compile fileter failed! unknown host 'nobody.invalid'\n",
+    )
 
 
 # ------------------------------------------------- events on the poller thread
@@ -570,6 +681,31 @@ def test_a_wait_that_fails_is_fatal(serve, attach, path, error, text):
     tracer = attach(sender, f"epoll_wait:error={error}:when=3")
     sender.expect(ABORTED, echo(path, sender.address), fatal(text, "epoll.h"))
     assert tracer.injected() == 1
+
+
+@WITHOUT_CHECKS
+def test_a_sending_thread_without_memory_for_a_heap_of_its_own_ends_the_program(
+    serve, attach, attempt, path
+):
+    """The C library maps one with that thread's first allocation: a registration."""
+    sender = serve(path)
+    tracer = attach(sender, "mmap:error=ENOMEM")
+    attempt(sender)
+    sender.expect(
+        ABORTED, echo(path, sender.address), fatal("FATAL ERROR: OUT OF MEMORY", "epoll.h")
+    )
+    assert tracer.injected() >= 1
+
+
+@WITHOUT_CHECKS
+def test_a_sending_thread_that_may_not_use_its_heap_does_without(
+    serve, attach, connect, path
+):
+    """Each of its allocations is a mapping by itself, then."""
+    sender = serve(path)
+    tracer = attach(sender, "mprotect:error=ENOMEM")
+    expect_whole(sender, connect(sender), path)
+    assert tracer.injected() >= 1
 
 
 @pytest.mark.parametrize("error", PASSING_ACCEPT_ERRORS)
@@ -631,9 +767,10 @@ def test_a_receiver_that_cannot_be_taken_up_is_fatal(
     assert tracer.injected() == 1
 
 
-@pytest.mark.parametrize(
-    "fault", ["setsockopt:error=ENOPROTOOPT:when=1", "fcntl:error=EPERM:when=3"]
-)
+TUNING_FAULTS = ["setsockopt:error=ENOPROTOOPT:when=1", "fcntl:error=EPERM:when=3"]
+
+
+@pytest.mark.parametrize("fault", TUNING_FAULTS)
 def test_a_receiver_that_cannot_be_tuned_stays_connected_and_hears_nothing(
     serve, attach, connect, path, fault
 ):
@@ -646,6 +783,26 @@ def test_a_receiver_that_cannot_be_tuned_stays_connected_and_hears_nothing(
     assert sender.stop() == 0
     assert receiver.read_to_end() == b""
     sender.expect(0, echo(path, sender.address))
+
+
+@pytest.mark.parametrize("fault", TUNING_FAULTS)
+def test_a_newer_receiver_that_cannot_be_tuned_hears_what_the_olders_events_send(
+    serve, attach, connect, messages, fault
+):
+    path, contents = messages(400)
+    sender = serve(path, "--mbps", "0.01")
+    older = connect(sender)
+    assert older.read_exactly(5) == contents[0]
+    tracer = attach(sender, fault)
+    newer = connect(sender)
+    first = newer.read_exactly(5)
+    switch = contents.index(first)
+    assert newer.read_exactly(5 * (400 - switch - 1)) == b"".join(contents[switch + 1 :])
+    assert older.read_exactly(5 * (switch - 1)) == b"".join(contents[1:switch])
+    assert sender.stop() == 0
+    assert older.read_to_end() == newer.read_to_end() == b""
+    sender.expect(0, echo(path, sender.address, in_speed=10000))
+    assert tracer.injected() == 1
 
 
 @pytest.mark.parametrize("result", ["error=EAGAIN", "error=EINTR", "retval=4", "retval=0"])

@@ -48,7 +48,9 @@ def installed_files(programs=PROGRAMS, manuals=True):
     """What `cmake --install` installs, below its prefix."""
     files = {f"{DOCUMENTS}/{name}" for name in ROOT_DOCUMENTS}
     files |= {f"{DOCUMENTS}/docs/{path.name}" for path in ROOT.glob("docs/*.md")}
-    for pattern in ("docs/*.png", "bench/results/two-processors/*.svg"):
+    for pattern in (
+        "docs/*.png", "bench/results/two-processors/*.svg", "bench/results/soak/*.svg",
+    ):
         files |= {f"{DOCUMENTS}/{path.relative_to(ROOT)}" for path in ROOT.glob(pattern)}
     for program in programs:
         files |= {
