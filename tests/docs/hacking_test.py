@@ -17,7 +17,8 @@ from conftest import PROGRAMS, ROOT, run
 from tree import files
 
 PAGES = (
-    "CONTRIBUTING.md", "docs/hacking.md", "docs/design.md", "docs/tuning.md", "docs/guide.md",
+    "CONTRIBUTING.md", "SECURITY.md", "docs/hacking.md", "docs/design.md", "docs/tuning.md",
+    "docs/guide.md", "docs/receiver.md", "docs/reliability.md",
 )
 TREES = ("src", "receiver", "tests", "fuzz", "bench", "script", "packaging", "docs", "cmake")
 # They come with a build, or stand for a name of the reader's.
@@ -283,8 +284,14 @@ def what_the_usage_tells(command):
 LEFT_OUT = ("fuzz/corpus/", "tests/data/", "bench/results/")
 WITH_TABS = (".scd",)
 DOCUMENT = (".md", ".scd")
+# What cannot be broken: a row of a table, a picture.
+ONE_LINE = ("|", "![")
 # As a template has for what is put in later.
 PLACEHOLDER = re.compile(r"@[A-Z][A-Z0-9_]*@")
+
+
+# Of a document's lines, as .editorconfig has it.
+(LONGEST,) = map(int, re.findall(r"^\[\*\.md\]\nmax_line_length = (\d+)$", read(".editorconfig"), re.M))
 
 
 def written():
@@ -306,6 +313,10 @@ def odd_about(name):
         yield "has blanks at the end of a line"
     if not name.endswith(WITH_TABS) and any(line.startswith("\t") for line in lines):
         yield "has tabs in front"
+    if name.endswith(".md"):
+        longest = max((len(line) for line in lines if not line.startswith(ONE_LINE)), default=0)
+        if longest > LONGEST:
+            yield f"has a line of {longest} characters"
 
 
 def test_files_look_as_editors_are_told():

@@ -8,7 +8,7 @@ import shlex
 import pytest
 
 from blocks import tabled
-from conftest import COMPLETIONS, PROGRAMS, ROOT, help_options, option_names
+from conftest import COMPLETIONS, HELP_LINE, PROGRAMS, ROOT, help_options, option_names, run
 
 MANUALS = ("docs/man", "docs/man/zh_CN")
 READMES = ("README.md", "README.zh-CN.md")
@@ -81,6 +81,45 @@ def test_a_manual_mentions_no_option_that_neither_program_has(program, folder):
     known = set.union(*map(option_names, PROGRAMS))
     mentioned = set(re.findall(r"(?<![\w-])--[a-z][\w-]*", manual(folder, program)))
     assert mentioned <= known
+
+
+# How help and manuals tell what an option is when it is not given; nothing is no default.
+IN_HELP = {
+    "replay_sender": r"默认为? ([\w.]+)",
+    "replay_receiver": r"\((?:UDP: )?([\w.]+)[,)]",
+}
+IN_MANUAL = {
+    "docs/man": r"Default: \*([\w.]+)\*",
+    "docs/man/zh_CN": r"默认(?: UDP 为)? \*([\w.]+)\*",
+}
+ENTRY = re.compile(r"^\*(?:-\w\*, \*)?(--[\w-]+)\*[^\n]*\n\t([^\n]*)", re.M)
+
+
+def defaults_in_help(program):
+    text = run(program, "--help")
+    heads = [*HELP_LINE.finditer(text)]
+    ends = [head.start() for head in heads[1:]] + [len(text)]
+    entries = {
+        head[2]: text[head.end() : end].partition("\n\n")[0]
+        for head, end in zip(heads, ends, strict=True)
+    }
+    return {
+        name: found[1]
+        for name, entry in entries.items()
+        if (found := re.search(IN_HELP[program], entry))
+    }
+
+
+@pytest.mark.parametrize("folder", MANUALS)
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_a_manual_tells_the_defaults_that_the_help_tells(program, folder):
+    told = {
+        name: found[1]
+        for name, entry in ENTRY.findall(manual(folder, program))
+        if (found := re.search(IN_MANUAL[folder], entry))
+    }
+    assert len(told) > 5
+    assert told == defaults_in_help(program)
 
 
 # ------------------------------------------------------------------ completions

@@ -3,6 +3,7 @@ the file and typed as it stands, between two hosts with a device eth1. The comma
 blocks are typed in tests/packaging/first_steps_test.py.
 """
 
+import re
 import signal
 import struct
 
@@ -10,6 +11,7 @@ import pytest
 
 from blocks import tabled
 from conftest import ROOT, debug_dump, echo, pieces
+from links_test import FENCED, LINK
 from stage import DAY, DAYS, GROUP, MATCHED, recorded_group, stage  # noqa: F401: a fixture
 from udp_receiver import UdpReceiver
 
@@ -151,6 +153,39 @@ def test_a_command_does_what_is_said_of_it(stage, command):
 
 def test_each_recipe_is_for_a_command():
     assert set(RECIPES) - set(COMMANDS) == set()
+
+
+# ----------------------------------------------------------- what a language has, both have
+
+
+def chapters(readme):
+    """The text of each chapter, without its blocks."""
+    return re.split(r"^#+ ", FENCED.sub("", (ROOT / readme).read_text()), flags=re.M)[1:]
+
+
+def shape(readme):
+    """By chapter: the items of lists, the rows of tables, and where links lead."""
+    for chapter in chapters(readme):
+        targets = set(LINK.findall(chapter)) - {*READMES}
+        yield len(re.findall(r"^- ", chapter, re.M)), len(re.findall(r"^\|", chapter, re.M)), targets
+
+
+def test_both_languages_have_the_same_chapters():
+    assert [*shape(READMES[0])] == [*shape(READMES[1])]
+
+
+@pytest.mark.parametrize("readme", READMES)
+def test_the_packages_to_build_with_are_those_that_are_installed(readme):
+    bootstrap = (ROOT / "script/bootstrap").read_text()
+    (listed,) = re.findall(r"^    manager=apt$.*?^    build=\((.*?)\)$", bootstrap, re.M | re.S)
+    boost = re.findall(r"boost=(libboost[\w.]*-dev)", bootstrap)
+    wanted = {*listed.replace('"$boost"', " ".join(boost)).split()}
+    (install,) = (each for each in chapters(readme) if "script/bootstrap build" in each)
+    named = {word for span in re.findall(r"`([^`]+)`", install) for word in span.split()}
+    # README builds with make.
+    assert {each for each in named if each in wanted or each.endswith("-dev")} == (
+        wanted - {"ninja-build"}
+    )
 
 
 def test_both_languages_have_the_same_commands_in_one_order():
