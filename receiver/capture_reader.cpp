@@ -68,6 +68,8 @@ void capture_reader::close()
 
 bool capture_reader::next(bytes_view& piece)
 {
+    if (capture_ == nullptr)
+        return false;
     while (rest_.empty()) {
         if (!next_payload())
             return false;

@@ -27,8 +27,8 @@ public:
     opened open(const std::string& path, const std::string& filter);
     void close();
 
-    // The next piece of a payload, valid until the next call, or false at the end.
-    // Then error() tells whether the sender ends there too.
+    // The next piece of a payload, valid until the next call, or false at the end and
+    // while nothing is open. Then error() tells whether the sender ends there too.
     bool next(bytes_view& piece);
 
     // All pieces of the last frame have been read.

@@ -153,7 +153,12 @@ bool reversed_capture_source::read_part(const part& wanted)
 void reversed_capture_source::read_part_from_start(size_t number)
 {
     messages_.clear();
-    (void)reader_.open(list_.files[0], PRELOAD_FILTER); // it could be opened before
+    if (reader_.open(list_.files[0], PRELOAD_FILTER) == capture_reader::opened::failed) {
+        error_ = reader_.error(); // gone or cut since the run began
+        parts_.clear();
+        part_ = 0;
+        return;
+    }
     size_t skipped = 0;
     for (size_t i = 0; i < number; ++i)
         skipped += parts_[i].messages;

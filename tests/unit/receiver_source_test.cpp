@@ -940,14 +940,11 @@ TEST_F(ReceiverSource, APreloadedCaptureOfTwoSectionsIsReversedWholly)
 
 // Its first section describes two interfaces, the second one; so the frames of the
 // first section mean nothing to a reader that has come from the second.
-TEST_F(ReceiverSource, APreloadedCaptureWhoseSectionsDifferIsReversedWholly)
+std::string sections_that_differ(
+    const std::vector<frame>& head, const std::vector<frame>& tail)
 {
-    std::vector<frame> head = many_tcp_frames(600, 30);
-    for (size_t i = 0; i < head.size(); i += 3)
-        head[i] = tcp(sample_bytes(2 * BLOCK + 1, static_cast<uint32_t>(i)));
-    const std::vector<frame> tail = many_tcp_frames(300, 50);
     const std::string one = capture_bytes({}, {true}); // section and interface, 28 + 20
-    ASSERT_EQ(one.size(), 48U);
+    EXPECT_EQ(one.size(), 48U);
     std::string first = capture_bytes(head, {true});
     // Each frame's block names interface 1 in the first number of its body.
     for (size_t at = one.size(); at < first.size();) {
@@ -958,8 +955,16 @@ TEST_F(ReceiverSource, APreloadedCaptureWhoseSectionsDifferIsReversedWholly)
         at += byte(4) + 256 * byte(5) + 65536 * byte(6);
     }
     first.insert(one.size(), one.substr(28));
-    const auto source =
-        open_preloaded(put("day", first + capture_bytes(tail, {true})), 2);
+    return first + capture_bytes(tail, {true});
+}
+
+TEST_F(ReceiverSource, APreloadedCaptureWhoseSectionsDifferIsReversedWholly)
+{
+    std::vector<frame> head = many_tcp_frames(600, 30);
+    for (size_t i = 0; i < head.size(); i += 3)
+        head[i] = tcp(sample_bytes(2 * BLOCK + 1, static_cast<uint32_t>(i)));
+    const std::vector<frame> tail = many_tcp_frames(300, 50);
+    const auto source = open_preloaded(put("day", sections_that_differ(head, tail)), 2);
     const messages_t one_pass = reversed(payloads_of(head) + payloads_of(tail));
     EXPECT_EQ(take(*source), one_pass + one_pass);
     EXPECT_EQ(source->error(), "");
@@ -986,6 +991,74 @@ TEST_F(ReceiverSource, OfAPreloadedCaptureWithAnImpossibleFrameNothingIsSent)
     const auto source = open_preloaded(put("day", capture_bytes(frames)), 2);
     EXPECT_THAT(take(*source), IsEmpty());
     EXPECT_THAT(source->error(), HasSubstr("262145"));
+}
+
+// What is taken of a preloaded capture, when this happens to it behind the first `taken`
+// messages: a part of the reversed order and then the end, with an error.
+template <class event_t>
+void expect_early_end(
+    message_source& source, const messages_t& order, size_t taken, event_t event,
+    const std::string& path)
+{
+    messages_t all = take(source, taken);
+    event();
+    EXPECT_EQ(source.error(), "");
+    all = all + take(source);
+    ASSERT_LT(all.size(), order.size());
+    EXPECT_EQ(
+        all,
+        messages_t(order.begin(), order.begin() + static_cast<ptrdiff_t>(all.size())));
+    EXPECT_THAT(source.error(), HasSubstr(path));
+    EXPECT_THAT(take(source), IsEmpty());
+    EXPECT_EQ(source.fraction(), std::nullopt);
+}
+
+TEST_F(ReceiverSource, APreloadedCaptureThatIsEmptiedMeanwhileEndsTheSource)
+{
+    const std::vector<frame> frames = many_tcp_frames(600);
+    const messages_t order = reversed(payloads_of(frames));
+    for (const size_t taken : {0U, 1U, 100U, 344U}) {
+        const std::string day = put("day", capture_bytes(frames));
+        expect_early_end(
+            *open_preloaded(day, 2), order, taken,
+            [&] { std::filesystem::resize_file(day, 0); }, day);
+    }
+}
+
+// In the second pass nothing is left of it.
+TEST_F(ReceiverSource, APreloadedCaptureThatIsEmptiedBetweenPassesEndsTheSource)
+{
+    const std::vector<frame> frames = many_tcp_frames(600);
+    const messages_t order = reversed(payloads_of(frames));
+    const std::string day = put("day", capture_bytes(frames));
+    expect_early_end(
+        *open_preloaded(day, 2), order + order, 600,
+        [&] { std::filesystem::resize_file(day, 0); }, day);
+}
+
+// The part that begins in the first section and ends in the second is read from the start
+// again; the one behind it has 88 messages.
+TEST_F(ReceiverSource, APreloadedCaptureOfTwoSectionsThatIsGoneMeanwhileEndsTheSource)
+{
+    const std::vector<frame> head = many_tcp_frames(300, 30);
+    const std::vector<frame> tail = many_tcp_frames(300, 50);
+    const messages_t order = reversed(payloads_of(head) + payloads_of(tail));
+    for (const size_t taken : {0U, 1U, 88U}) {
+        const std::string day = put("day", sections_that_differ(head, tail));
+        expect_early_end(
+            *open_preloaded(day, 2), order, taken, [&] { std::filesystem::remove(day); },
+            day);
+    }
+}
+
+TEST_F(ReceiverSource, ACaptureReaderWithNothingOpenHasNothing)
+{
+    capture_reader reader;
+    bytes_view piece;
+    EXPECT_FALSE(reader.next(piece));
+    EXPECT_EQ(reader.open(files_.file("gone"), "udp"), capture_reader::opened::failed);
+    EXPECT_FALSE(reader.next(piece));
+    EXPECT_THAT(reader.error(), HasSubstr(files_.file("gone")));
 }
 
 TEST_F(ReceiverSource, APreloadedFileThatIsNoCaptureIsAnError)
