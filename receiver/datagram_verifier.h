@@ -28,8 +28,10 @@ namespace receiver {
 class datagram_verifier {
 public:
     // The source must outlive the verifier. Positions are searched `window`
-    // messages (at least 1) ahead of and behind the one that is due.
-    datagram_verifier(message_source& source, size_t window);
+    // messages (at least 1) ahead of and behind the one that is due; `most_compared`
+    // bytes of strangers are compared with missing messages, and more as more arrives.
+    datagram_verifier(
+        message_source& source, size_t window, uint64_t most_compared = MOST_COMPARED);
 
     datagram_verifier(const datagram_verifier&) = delete;
     datagram_verifier& operator=(const datagram_verifier&) = delete;
@@ -57,6 +59,10 @@ private:
     static constexpr uint64_t FURTHEST_LOOK = uint64_t{64} << 20U;
     static constexpr uint64_t FURTHEST_WINDOWS = 32;
     static constexpr uint64_t MOST_STRANGERS = uint64_t{64} << 20U;
+    // A second or two of work, which nothing interrupts; and how many bytes more for each
+    // one that arrives.
+    static constexpr uint64_t MOST_COMPARED = uint64_t{512} << 20U;
+    static constexpr uint64_t COMPARED_PER_BYTE = 16;
 
     // So many datagrams stand in the place of so many messages.
     struct part {
@@ -115,6 +121,8 @@ private:
     uint64_t strangers_settled_{0}; // those of places up to here have been reported
     bool looked_far_{false};        // in vain, since both sides came apart
     bool lost_some_{false};         // of the messages that can no longer come late
+    const uint64_t most_compared_;
+    comparison_allowance allowance_;
     fault_log log_;
     verification result_;
 };

@@ -14,6 +14,7 @@ namespace {
 
 enum : size_t {
     MOST_COMPARISONS = 16384, // beyond that, order alone decides
+    LEAST_COST = 64, // of a comparison, in bytes; the shortest takes its time too
     EXCERPT = 16
 };
 constexpr double LEAST_LIKENESS = 0.2;
@@ -56,6 +57,11 @@ double likeness(bytes_view received, bytes_view expected)
            static_cast<double>(std::max(received.size(), expected.size()));
 }
 
+uint64_t comparison_cost(bytes_view received, bytes_view expected)
+{
+    return std::max<uint64_t>(std::min(received.size(), expected.size()), LEAST_COST);
+}
+
 bool is_in_place(const datagram& stranger, const missing_message& message)
 {
     return stranger.due <= message.number && message.number < stranger.next;
@@ -63,34 +69,62 @@ bool is_in_place(const datagram& stranger, const missing_message& message)
 
 struct candidate {
     double likeness;
-    bool in_place;
     size_t stranger;
     size_t missing;
 };
 
-// Best first: those of the stranger's own place, then by likeness.
-std::vector<candidate> likely_pairs(
-    const std::vector<datagram>& strangers, const gap& missing)
+// Who stands for whom, so far.
+struct pairing {
+    std::vector<std::optional<stranger_pair>> pairs; // by stranger
+    std::vector<bool> taken;                         // by missing message
+};
+
+// Those still without a partner, by whether the message is of the stranger's own place.
+std::vector<candidate> possible_pairs(
+    const std::vector<datagram>& strangers, const gap& missing, const pairing& found,
+    bool in_place)
 {
     std::vector<candidate> candidates;
-    if (strangers.size() * missing.size() > MOST_COMPARISONS)
-        return candidates;
+    candidates.reserve(strangers.size() * missing.size());
     for (size_t s = 0; s < strangers.size(); ++s) {
-        for (size_t m = 0; m < missing.size(); ++m) {
-            const bool in_place = is_in_place(strangers[s], missing[m]);
-            const double like = likeness(strangers[s].payload, missing[m].payload);
-            if (like >= (in_place ? LEAST_LIKENESS : LEAST_LIKENESS_ELSEWHERE))
-                candidates.push_back({like, in_place, s, m});
+        for (size_t m = 0; m < missing.size() && !found.pairs[s]; ++m) {
+            if (!found.taken[m] && is_in_place(strangers[s], missing[m]) == in_place)
+                candidates.push_back({0, s, m});
         }
     }
+    return candidates;
+}
+
+// Pairs those that are like enough, the likest first.
+void pair_the_like(
+    const std::vector<datagram>& strangers, const gap& missing, bool in_place,
+    comparison_allowance& allowance, pairing& found)
+{
+    std::vector<candidate> candidates =
+        possible_pairs(strangers, missing, found, in_place);
+    uint64_t bytes = 0;
+    for (const candidate& pair : candidates)
+        bytes += comparison_cost(
+            strangers[pair.stranger].payload, missing[pair.missing].payload);
+    if (!allowance.take(bytes))
+        return;
+    for (candidate& pair : candidates)
+        pair.likeness =
+            likeness(strangers[pair.stranger].payload, missing[pair.missing].payload);
+    const double least = in_place ? LEAST_LIKENESS : LEAST_LIKENESS_ELSEWHERE;
+    std::erase_if(
+        candidates, [least](const candidate& pair) { return pair.likeness < least; });
     std::stable_sort(
         candidates.begin(), candidates.end(),
         [](const candidate& left, const candidate& right) {
-            if (left.in_place != right.in_place)
-                return left.in_place;
             return left.likeness > right.likeness;
         });
-    return candidates;
+    for (const candidate& pair : candidates) {
+        if (found.pairs[pair.stranger] || found.taken[pair.missing])
+            continue;
+        found.pairs[pair.stranger] = stranger_pair{pair.missing, pair.likeness};
+        found.taken[pair.missing] = true;
+    }
 }
 
 // Whether nothing of the stranger's place has arrived elsewhere.
@@ -104,11 +138,10 @@ bool is_all_missing(const datagram& stranger, const gap& missing, size_t first)
 
 // In order, within their places.
 void pair_the_rest(
-    const std::vector<datagram>& strangers, const gap& missing,
-    std::vector<std::optional<stranger_pair>>& pairs, std::vector<bool>& taken)
+    const std::vector<datagram>& strangers, const gap& missing, pairing& found)
 {
-    for (size_t s = 0; s < pairs.size(); ++s) {
-        if (pairs[s])
+    for (size_t s = 0; s < strangers.size(); ++s) {
+        if (found.pairs[s])
             continue;
         const auto first = std::lower_bound(
             missing.begin(), missing.end(), strangers[s].due,
@@ -118,12 +151,12 @@ void pair_the_rest(
         auto m = static_cast<size_t>(first - missing.begin());
         if (!is_all_missing(strangers[s], missing, m))
             continue;
-        while (m < taken.size() && taken[m])
+        while (m < missing.size() && found.taken[m])
             ++m;
-        if (m == taken.size() || !is_in_place(strangers[s], missing[m]))
+        if (m == missing.size() || !is_in_place(strangers[s], missing[m]))
             continue;
-        pairs[s] = stranger_pair{m, 0};
-        taken[m] = true;
+        found.pairs[s] = stranger_pair{m, 0};
+        found.taken[m] = true;
     }
 }
 
@@ -161,34 +194,39 @@ fault of_message(fault_kind kind, uint64_t message, uint64_t arrival)
 } // namespace
 
 std::vector<std::optional<stranger_pair>> pair_strangers(
-    const std::vector<datagram>& strangers, const gap& missing)
+    const std::vector<datagram>& strangers, const gap& missing,
+    comparison_allowance& allowance)
 {
-    std::vector<std::optional<stranger_pair>> pairs(strangers.size());
-    std::vector<bool> taken(missing.size());
-    for (const candidate& pair : likely_pairs(strangers, missing)) {
-        if (pairs[pair.stranger] || taken[pair.missing])
-            continue;
-        pairs[pair.stranger] = stranger_pair{pair.missing, pair.likeness};
-        taken[pair.missing] = true;
+    pairing found{
+        std::vector<std::optional<stranger_pair>>(strangers.size()),
+        std::vector<bool>(missing.size())};
+    if (strangers.size() * missing.size() <= MOST_COMPARISONS) {
+        // In their own places first: what is paired there is compared with no other.
+        pair_the_like(strangers, missing, true, allowance, found);
+        pair_the_like(strangers, missing, false, allowance, found);
     }
-    pair_the_rest(strangers, missing, pairs, taken);
-    return pairs;
+    pair_the_rest(strangers, missing, found);
+    return std::move(found.pairs);
 }
 
-bool is_covered(const std::vector<datagram>& strangers, const gap& missing)
+bool is_covered(
+    const std::vector<datagram>& strangers, const gap& missing,
+    comparison_allowance& allowance)
 {
     if (strangers.size() < missing.size())
         return false;
-    const auto pairs = pair_strangers(strangers, missing);
+    const auto pairs = pair_strangers(strangers, missing, allowance);
     const auto sure = std::count_if(pairs.begin(), pairs.end(), [](const auto& pair) {
         return pair && pair->likeness >= LEAST_LIKENESS_ELSEWHERE;
     });
     return static_cast<size_t>(sure) == missing.size();
 }
 
-size_t report_gap(const gap& missing, std::vector<datagram>& strangers, fault_log& log)
+size_t report_gap(
+    const gap& missing, std::vector<datagram>& strangers, fault_log& log,
+    comparison_allowance& allowance)
 {
-    const auto pairs = pair_strangers(strangers, missing);
+    const auto pairs = pair_strangers(strangers, missing, allowance);
     std::vector<bool> arrived(missing.size());
     std::vector<datagram> others;
     uint64_t due = 0; // moved on by the altered messages in front of a stranger

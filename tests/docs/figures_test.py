@@ -50,7 +50,7 @@ MESSAGE = re.compile(r"^\S.*\n(?=\t)", re.M)
 
 NOT_MEASURED = {
     # Sizes and a count that the code sets.
-    "10240 bytes", "10 KB", "1 MB", "64 MB", "4294967296 times",
+    "10240 bytes", "10 KB", "1 MB", "64 MB", "512 MB", "16 bytes", "4294967296 times",
     # Of datagrams, headers and frames.
     "64 KB", "0 bytes", "8 bytes", "14 bytes", "60 bytes", "1500 bytes", "262144 bytes",
     # Times that the code sets, and one that follows from them.

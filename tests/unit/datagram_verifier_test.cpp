@@ -1508,6 +1508,69 @@ TEST(DatagramVerifier, TakesAHundredThousandEqualMessagesInGoodTime)
     EXPECT_LT(support::processor_time() - start, std::chrono::seconds(200));
 }
 
+// --------------------------------------------------------- how much may be compared
+
+// Of messages this short each comparison takes as much as one of 64 bytes.
+constexpr uint64_t ONE_COMPARISON = 64;
+
+told_faults faults_when_allowed(
+    uint64_t most_compared, const std::string& script, uint64_t count,
+    size_t window = WINDOW)
+{
+    const std::vector<payload> messages = hand_messages(count);
+    listed_source source(messages);
+    datagram_verifier verifier(source, window, most_compared);
+    for (const arrival& one : arrivals_of(script))
+        arrive(verifier, one.bytes);
+    return told(verifier.finish(true).faults);
+}
+
+// Three altered messages come late, and none stands in its own place. In the end the
+// first gap is compared with all three, the second with the two that are left.
+TEST(DatagramVerifier, ComparesStrangersWithGapsForAsLongAsIsAllowed)
+{
+    const auto allowed = [](uint64_t most) {
+        return faults_when_allowed(
+            most, "1-9 11-19 21-29 31-40 10~3 20~3 30~3 41-50", 50);
+    };
+    EXPECT_THAT(
+        allowed((3 + 2 + 1) * ONE_COMPARISON),
+        ElementsAre(
+            "altered 10 @38 byte 3", "altered 20 @39 byte 3", "altered 30 @40 byte 3"));
+    EXPECT_THAT(
+        allowed((3 + 2 + 1) * ONE_COMPARISON - 1),
+        ElementsAre(
+            "altered 10 @38 byte 3", "altered 20 @39 byte 3", "lost 30",
+            "unexpected 41 @40"));
+    EXPECT_THAT(
+        allowed((3 + 2) * ONE_COMPARISON - 1),
+        ElementsAre(
+            "altered 10 @38 byte 3", "lost 20", "lost 30", "unexpected 41 x2 @39"));
+    EXPECT_THAT(
+        allowed(3 * ONE_COMPARISON - 1),
+        ElementsAre("lost 10", "lost 20", "lost 30", "unexpected 41 x3 @38"));
+}
+
+TEST(DatagramVerifier, MayCompareMoreWhenMoreHasArrived)
+{
+    EXPECT_THAT(
+        faults_when_allowed(
+            ONE_COMPARISON, "1-9 11-14 10~3 15-59 61-64 60~3 65-99", 99, 16),
+        ElementsAre("altered 10 @14 byte 3", "altered 60 @64 byte 3"));
+}
+
+TEST(DatagramVerifier, IsCompleteHoweverOftenItIsAsked)
+{
+    const std::vector<payload> messages = hand_messages(14);
+    listed_source source(messages);
+    datagram_verifier verifier(source, WINDOW, ONE_COMPARISON);
+    for (const arrival& one : arrivals_of("1-4 6-9 5~3 10-14"))
+        arrive(verifier, one.bytes);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(verifier.complete()) << i;
+    EXPECT_THAT(told(verifier.finish(true).faults), ElementsAre("altered 5 @9 byte 3"));
+}
+
 // ------------------------------------------------------- more than a window at once
 
 TEST(DatagramVerifier, FindsItsPlaceBehindALossOfManyWindows)

@@ -55,19 +55,50 @@ struct place {
     std::vector<datagram> strangers;
 };
 
+// More than any of these tests needs.
+comparison_allowance plenty() { return comparison_allowance(uint64_t{1} << 30U); }
+
 // For each stranger the index of its message.
-std::vector<std::optional<size_t>> pairs_of(const place& where)
+std::vector<std::optional<size_t>> pairs_of(
+    const place& where, comparison_allowance& allowance)
 {
     std::vector<std::optional<size_t>> indices;
-    for (const auto& pair : pair_strangers(where.strangers, where.missing))
+    for (const auto& pair : pair_strangers(where.strangers, where.missing, allowance))
         indices.push_back(pair ? std::optional(pair->missing) : std::nullopt);
     return indices;
+}
+
+std::vector<std::optional<size_t>> pairs_of(const place& where)
+{
+    comparison_allowance allowance = plenty();
+    return pairs_of(where, allowance);
+}
+
+// What comparing all that there is to compare takes.
+uint64_t comparisons_of(const place& where)
+{
+    comparison_allowance allowance = plenty();
+    const uint64_t before = allowance.left();
+    (void)pairs_of(where, allowance);
+    return before - allowance.left();
+}
+
+size_t report(const gap& messages, std::vector<datagram>& strangers, fault_log& log)
+{
+    comparison_allowance allowance = plenty();
+    return report_gap(messages, strangers, log, allowance);
+}
+
+bool covers(const std::vector<datagram>& strangers, const gap& messages)
+{
+    comparison_allowance allowance = plenty();
+    return is_covered(strangers, messages, allowance);
 }
 
 verification reported(place where)
 {
     fault_log log;
-    (void)report_gap(where.missing, where.strangers, log);
+    (void)report(where.missing, where.strangers, log);
     for (const datagram& left : where.strangers)
         report_stranger(left, log);
     verification result;
@@ -275,6 +306,93 @@ TEST(ReceiverGap, ManyStrangersArePairedInOrder)
         EXPECT_EQ(pairs[i], i);
 }
 
+// ----------------------------------------------------------- how much is compared
+
+std::string filled(size_t size, char with) { return std::string(size, with); }
+
+TEST(ReceiverGap, AComparisonTakesTheShorterOnesBytes)
+{
+    const std::string longer = filled(300, 'a');
+    EXPECT_EQ(
+        comparisons_of({{missing(1, longer)}, {stranger(1, filled(200, 'b'))}}), 200U);
+    EXPECT_EQ(
+        comparisons_of({{missing(1, filled(200, 'b'))}, {stranger(1, longer)}}), 200U);
+    EXPECT_EQ(comparisons_of({{missing(1, longer)}, {}}), 0U);
+}
+
+TEST(ReceiverGap, TheShortestComparisonTakesAsMuchAsOneOf64Bytes)
+{
+    for (const size_t size : {0U, 1U, 64U})
+        EXPECT_EQ(
+            comparisons_of(
+                {{missing(1, filled(64, 'a'))}, {stranger(1, filled(size, 'b'))}}),
+            64U)
+            << size;
+    const place where{{missing(1, filled(65, 'a'))}, {stranger(1, filled(65, 'b'))}};
+    EXPECT_EQ(comparisons_of(where), 65U);
+}
+
+// Each of the three is like the message of its own place, so that nothing is left for
+// the other two.
+TEST(ReceiverGap, WhatIsPairedInItsOwnPlaceIsComparedWithNothingElsewhere)
+{
+    place where;
+    for (const uint64_t number : {10U, 20U, 30U}) {
+        where.missing.push_back(missing(number, filled(100, 'a')));
+        where.strangers.push_back(
+            stranger(number, filled(99, 'a') + "b", number, number + 1));
+    }
+    EXPECT_EQ(comparisons_of(where), 300U);
+}
+
+TEST(ReceiverGap, WhatFindsNothingInItsOwnPlaceIsComparedElsewhereToo)
+{
+    // The second and the third are left for each other's messages.
+    const place where{
+        {missing(10, filled(100, 'a')), missing(20, filled(100, 'b')),
+         missing(30, filled(100, 'c'))},
+        {stranger(1, filled(100, 'a'), 10, 11), stranger(2, filled(100, 'c'), 20, 21),
+         stranger(3, filled(100, 'b'), 30, 31)}};
+    EXPECT_EQ(comparisons_of(where), 300U + 200U);
+    EXPECT_THAT(pairs_of(where), ElementsAre(Optional(0U), Optional(2U), Optional(1U)));
+}
+
+TEST(ReceiverGap, WhereComparingTakesMoreThanIsAllowedOrderDecides)
+{
+    const place where{
+        {missing(1, filled(100, 'a')), missing(2, filled(100, 'b'))},
+        {stranger(1, filled(100, 'b'), 1, 3), stranger(2, filled(100, 'a'), 1, 3)}};
+    comparison_allowance enough(400);
+    EXPECT_THAT(pairs_of(where, enough), ElementsAre(Optional(1U), Optional(0U)));
+    EXPECT_EQ(enough.left(), 0U);
+    comparison_allowance too_small(399);
+    EXPECT_THAT(pairs_of(where, too_small), ElementsAre(Optional(0U), Optional(1U)));
+    EXPECT_EQ(too_small.left(), 399U);
+}
+
+TEST(ReceiverGap, WhatIsPairedByOrderAloneIsNotCovered)
+{
+    const std::vector<datagram> strangers{stranger(1, "aaaX", 1, 2)};
+    const gap messages{missing(1, "aaaa")};
+    EXPECT_TRUE(covers(strangers, messages));
+    comparison_allowance none(0);
+    EXPECT_FALSE(is_covered(strangers, messages, none));
+}
+
+TEST(ReceiverGap, AnAllowanceIsFilledUpToWhatItHeldAtFirst)
+{
+    comparison_allowance allowance(100);
+    EXPECT_FALSE(allowance.take(101));
+    EXPECT_TRUE(allowance.take(70));
+    allowance.add(20);
+    EXPECT_EQ(allowance.left(), 50U);
+    allowance.add(51);
+    EXPECT_EQ(allowance.left(), 100U);
+    allowance.add(UINT64_MAX);
+    EXPECT_TRUE(allowance.take(100));
+    EXPECT_FALSE(allowance.take(1));
+}
+
 // ----------------------------------------------------------------------- reporting
 
 TEST(ReceiverGap, AnAlteredMessageShowsWhereAndWhat)
@@ -344,7 +462,7 @@ TEST(ReceiverGap, TheNumberOfLostMessagesIsReturned)
     fault_log log;
     gap messages{missing(1, "aaaa"), missing(2, "bbbb"), missing(3, "cccc")};
     std::vector<datagram> strangers{stranger(1, "bbXb")};
-    EXPECT_EQ(report_gap(messages, strangers, log), 2U);
+    EXPECT_EQ(report(messages, strangers, log), 2U);
 }
 
 TEST(ReceiverGap, StrangersThatWereNoMessageOfTheGapAreLeft)
@@ -353,7 +471,7 @@ TEST(ReceiverGap, StrangersThatWereNoMessageOfTheGapAreLeft)
     gap messages{missing(5, "aaaa")};
     std::vector<datagram> strangers{
         stranger(1, "XXXX", 2, 3), stranger(2, "aaYa", 5, 6), stranger(3, "ZZZZ", 9, 10)};
-    EXPECT_EQ(report_gap(messages, strangers, log), 0U);
+    EXPECT_EQ(report(messages, strangers, log), 0U);
     ASSERT_THAT(strangers, SizeIs(2));
     EXPECT_EQ(strangers[0].arrival, 1U);
     EXPECT_EQ(strangers[0].due, 2U);
@@ -379,8 +497,8 @@ TEST(ReceiverGap, AllOfAMixedPlaceIsCounted)
 TEST(ReceiverGap, AGapIsCoveredWhenEachMessageHasItsLikeness)
 {
     const gap messages{missing(1, "aaaaaaaa"), missing(2, "bbbbbbbb")};
-    EXPECT_TRUE(is_covered({stranger(1, "aaaXaaaa"), stranger(2, "bbbbbbbY")}, messages));
-    EXPECT_TRUE(is_covered(
+    EXPECT_TRUE(covers({stranger(1, "aaaXaaaa"), stranger(2, "bbbbbbbY")}, messages));
+    EXPECT_TRUE(covers(
         {stranger(1, "aaaXaaaa"), stranger(2, "ZZZZZZZZ"), stranger(3, "bbbb")},
         messages));
 }
@@ -388,11 +506,9 @@ TEST(ReceiverGap, AGapIsCoveredWhenEachMessageHasItsLikeness)
 TEST(ReceiverGap, AGapIsNotCoveredByFewerOrUnlikeStrangers)
 {
     const gap messages{missing(1, "aaaaaaaa"), missing(2, "bbbbbbbb")};
-    EXPECT_FALSE(is_covered({stranger(1, "aaaXaaaa")}, messages));
-    EXPECT_FALSE(
-        is_covered({stranger(1, "aaaXaaaa"), stranger(2, "ZZZZZZZZ")}, messages));
-    EXPECT_FALSE(
-        is_covered({stranger(1, "aaaXaaaa"), stranger(2, "aaaaXaaa")}, messages));
+    EXPECT_FALSE(covers({stranger(1, "aaaXaaaa")}, messages));
+    EXPECT_FALSE(covers({stranger(1, "aaaXaaaa"), stranger(2, "ZZZZZZZZ")}, messages));
+    EXPECT_FALSE(covers({stranger(1, "aaaXaaaa"), stranger(2, "aaaaXaaa")}, messages));
 }
 
 // ------------------------------------------------------------------------------ log
