@@ -31,12 +31,6 @@ constexpr uint64_t UDP_RECEIVE_BUFFER = uint64_t{64} << 20U;
 constexpr uint64_t NAP_BUFFER = uint64_t{4} << 20U;
 constexpr uint64_t LONGEST_WAIT_NS = 100 * NS_PER_MS;
 
-uint64_t to_ns(double seconds)
-{
-    // Beyond 2^63 ns a limit is none.
-    return seconds < 9e9 ? static_cast<uint64_t>(seconds * 1e9) : UINT64_MAX / 4;
-}
-
 end_limits limits_of(const options& options)
 {
     end_limits limits;

@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "clock.h"
 #include "stream_verifier.h"
 
 namespace receiver {
@@ -72,8 +73,7 @@ tcp_input::tcp_input(
     : receive_buffer_(receive_buffer), buffer_(BUFFER)
 {
     const sockaddr_in address = to_address(ip, port);
-    const auto deadline = clock::now() + std::chrono::duration_cast<clock::duration>(
-                                             std::chrono::duration<double>(timeout_s));
+    const auto deadline = clock::now() + std::chrono::nanoseconds(to_ns(timeout_s));
     while (!stopped()) {
         if (try_connect(address, deadline, stopped))
             return;

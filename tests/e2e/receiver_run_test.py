@@ -582,9 +582,15 @@ def test_the_second_signal_ends_at_once(receive, udp_port, full_pipe, number):
 # ------------------------------------------------------------------ connecting
 
 
-def test_a_receiver_waits_until_its_sender_listens(receive, serve, port, data_file):
+# So many seconds are more nanoseconds than 64 bits hold.
+@pytest.mark.parametrize(
+    "words", [(), ("--connect-timeout", "9.3e9"), ("--connect-timeout", "1e300")]
+)
+def test_a_receiver_waits_until_its_sender_listens(
+    receive, serve, port, data_file, words
+):
     path = data_file(DATA)
-    run = receive("--filepath", path, "--port", str(port), *QUICK)
+    run = receive("--filepath", path, "--port", str(port), *words, *QUICK)
     run.wait_until(lambda: run.naps() > 5, "several tries")
     serve(path)
     assert run.expect(0, "complete").matched == totals(pieces(DATA))
