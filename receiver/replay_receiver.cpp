@@ -56,6 +56,7 @@ void catch_signals()
     (void)::sigaction(SIGINT, &action, nullptr);
     (void)::sigaction(SIGTERM, &action, nullptr);
     (void)::signal(SIGPIPE, SIG_IGN); // a closed output is a failed write
+    (void)::signal(SIGXFSZ, SIG_IGN); // and so is a file at the limit of its size
 }
 
 int number_of(exit_status status) { return static_cast<int>(status); }

@@ -1,16 +1,18 @@
 """What must not happen to whoever runs the receiver: a run that never ends, a file
 that is gone, names that cannot be meant, a progress line that nobody reads."""
 
+import errno
 import json
 import os
 import random
+import resource
 import signal
 import socket
 
 import pytest
 
-from conftest import LOCALHOST, POLL_INTERVAL
-from replay_receiver import receive, udp_port  # noqa: F401: fixtures
+from conftest import DEADLINE, LOCALHOST, POLL_INTERVAL
+from replay_receiver import both, receive, udp_port  # noqa: F401: fixtures
 
 
 def keep_sending(run, port, datagrams):
@@ -148,6 +150,71 @@ def test_no_text_for_a_closed_stream_gets_into_a_file(receive, data_file, closed
     assert results[0] == results[1]
     shown = [run.output() for run in runs]
     assert shown[1] == ("" if status else shown[0])
+
+
+def test_no_text_for_a_closed_stream_gets_to_the_sender(receive):
+    """Of a run without a file the socket is the first that is opened."""
+    with socket.create_server((LOCALHOST, 0)) as listener:
+        listener.settimeout(DEADLINE)
+        run = receive(
+            "--port", str(listener.getsockname()[1]), "--duration", "0.5",
+            "--debug", "1", "--progress", "always",
+            json=False, preexec_fn=lambda: os.close(2),
+        )
+        peer, _ = listener.accept()
+        with peer:
+            peer.settimeout(DEADLINE)
+            peer.sendall(b"x")
+            run.expect(0)
+            assert peer.recv(4096) == b""
+
+
+SIZE_LIMIT = 10  # bytes; every output has more
+
+
+def limit_files():
+    resource.setrlimit(resource.RLIMIT_FSIZE, (SIZE_LIMIT, SIZE_LIMIT))
+
+
+@pytest.fixture
+def pipe():
+    """Both ends of a pipe, for which no limit of files counts."""
+    reader, writer = os.pipe()
+    with open(reader) as there, open(writer, "w") as here:
+        yield there, here
+
+
+@pytest.mark.parametrize("protocol", ["tcp", "udp"])
+@pytest.mark.parametrize("option", ["--json", "--csv", "--report", "--write"])
+def test_the_limit_on_a_files_size_is_told(
+    both, data_file, tmp_path, pipe, option, protocol
+):
+    """The kernel sends a signal there, which ends a program that does not see to it."""
+    there, here = pipe
+    kept = tmp_path / "kept"
+    run = both(
+        "--filepath", data_file(bytes(30000)), protocol=protocol, json=False,
+        receiver=(option, kept), stdout=here, stderr=here, preexec_fn=limit_files,
+    )
+    here.close()
+    run.expect(6)
+    reason = f"replay_receiver: {kept}: cannot be written: {os.strerror(errno.EFBIG)}\n"
+    assert reason in there.read()
+    assert kept.stat().st_size == SIZE_LIMIT
+
+
+@pytest.mark.parametrize("words", [(), ("--json", "-")])
+def test_the_limit_on_standard_outputs_size_is_told(receive, data_file, pipe, words):
+    there, here = pipe
+    run = receive(
+        "--plan", "--filepath", data_file(bytes(30000)), *words,
+        json=False, stderr=here, preexec_fn=limit_files,
+    )
+    here.close()
+    run.expect(6)
+    reason = f"standard output: cannot be written: {os.strerror(errno.EFBIG)}"
+    assert there.read() == f"replay_receiver: {reason}\n"
+    assert len(run.output()) == SIZE_LIMIT
 
 
 def test_a_low_rate_is_no_silence(receive, serve, data_file):
