@@ -11,6 +11,7 @@ OWN_FOLDERS = {
     "",
     "/bench",
     "/bench/results",
+    "/bench/results/soak",
     "/bench/results/two-processors",
     "/docs",
 }
