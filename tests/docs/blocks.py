@@ -44,3 +44,19 @@ def typed(name):
 def tabled(name):
     """The commands in the last column of a document's tables."""
     return ROW.findall((ROOT / name).read_text())
+
+
+def recipe_book():
+    """(RECIPES, recipe): the first has, by the words that are typed or begin it, the function
+    that tries them; the second, as a decorator with these words, puts a function in."""
+    recipes = {}
+
+    def recipe(words):
+        def keep(function):
+            assert words not in recipes
+            recipes[words] = function
+            return function
+
+        return keep
+
+    return recipes, recipe

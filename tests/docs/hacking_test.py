@@ -12,7 +12,7 @@ import sys
 
 import pytest
 
-from blocks import typed
+from blocks import recipe_book, typed
 from conftest import PROGRAMS, ROOT, run
 from tree import files
 
@@ -138,18 +138,7 @@ def test_the_newest_changes_are_those_of_the_version_that_is_built():
 
 # Most of it builds, fuzzes or measures for minutes or hours. What takes a moment is run here
 # as it stands; of the rest each word is looked for in what gives it its meaning.
-RECIPES = {}
-
-
-def recipe(beginning):
-    """Tells how to try the commands that begin with these words."""
-
-    def keep(function):
-        assert beginning not in RECIPES
-        RECIPES[beginning] = function
-        return function
-
-    return keep
+RECIPES, recipe = recipe_book()
 
 
 TYPED = typed("docs/hacking.md")

@@ -9,7 +9,7 @@ import struct
 
 import pytest
 
-from blocks import tabled
+from blocks import recipe_book, tabled
 from conftest import ROOT, debug_dump, echo, pieces
 from links_test import FENCED, LINK
 from stage import DAY, DAYS, GROUP, MATCHED, recorded_group, stage  # noqa: F401: a fixture
@@ -18,18 +18,7 @@ from udp_receiver import UdpReceiver
 READMES = ("README.md", "README.zh-CN.md")
 LARGEST_PICTURE = 200_000
 
-RECIPES = {}
-
-
-def recipe(command):
-    """Tells how to try this command."""
-
-    def keep(function):
-        assert command not in RECIPES
-        RECIPES[command] = function
-        return function
-
-    return keep
+RECIPES, recipe = recipe_book()
 
 
 def sent_over_tcp(stage, command, expected, port=9089, **settings):

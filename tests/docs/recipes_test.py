@@ -13,7 +13,7 @@ import time
 import pytest
 
 import capture_builder as build
-from blocks import typed
+from blocks import recipe_book, typed
 from conftest import DEADLINE, PROGRAMS, ROOT, fatal, pieces
 from network_namespace import run
 from stage import DAY, GROUP, MATCHED, OTHERS, recorded_group, stage  # noqa: F401: a fixture
@@ -23,18 +23,7 @@ DOCUMENTS = ("docs/guide.md", "docs/tuning.md", "docs/receiver.md")
 NOBODY = 65534
 PROCESSORS = sorted(os.sched_getaffinity(0))
 
-RECIPES = {}
-
-
-def recipe(beginning):
-    """Tells how to try the command or script that begins with these words."""
-
-    def keep(function):
-        assert beginning not in RECIPES
-        RECIPES[beginning] = function
-        return function
-
-    return keep
+RECIPES, recipe = recipe_book()
 
 
 def needs(*tools):

@@ -13,22 +13,11 @@ import pytest
 from conftest import BUILD_COMMAND, PROGRAMS, ROOT, installed_files, need, run, type_in
 
 sys.path.append(str(ROOT / "tests" / "docs"))
-from blocks import fenced, typed  # noqa: E402: they are there
+from blocks import fenced, recipe_book, typed  # noqa: E402: they are there
 
 READMES = ("README.md", "README.zh-CN.md")
 
-RECIPES = {}
-
-
-def recipe(command):
-    """Tells how to try this command. What it is given, beside the command, are fixtures."""
-
-    def keep(function):
-        assert command not in RECIPES
-        RECIPES[command] = function
-        return function
-
-    return keep
+RECIPES, recipe = recipe_book()
 
 
 @recipe("script/demo")
