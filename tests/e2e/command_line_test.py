@@ -392,6 +392,9 @@ def test_port_is_converted_as_atoi_does_and_widened_with_its_sign(start, word, p
         ("-1", 18446744073708551616),
         ("-9e12", 9446743871351422976),
         ("-9.3e12", 0),
+        # The smallest signed number itself, and its neighbour below.
+        ("-9223372013568", 9223372036854775808),
+        ("-9223373062144", 0),
         ("-0.5", 18446744073709051616),
         ("-0.0000001", 0),
         ("abc", 0),

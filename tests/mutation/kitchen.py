@@ -35,7 +35,7 @@ SKIPPED = 77  # how the end-to-end tests say that some were skipped and none fai
 
 # A mutant may fill memory or disk without end.
 MOST_MEMORY = 8 << 30
-MOST_BYTES_IN_A_FILE = 4 << 30
+MOST_BYTES_IN_A_FILE = 16 << 30
 
 
 @dataclasses.dataclass(frozen=True)

@@ -1136,6 +1136,19 @@ TEST_F(DecodeFilename, AListingWithoutAnyEntryIsRefused)
         "Dir " + dir_.path() + "/ no files");
 }
 
+TEST_F(DecodeFilename, AListingOfOneEntryIsTaken)
+{
+    dir_.file("file");
+    const support::scoped_call<call::scandir> hook(
+        [](const char* dirname, dirent*** entries, select_t, compare_t compare) {
+            const select_t not_dots = [](const dirent* entry) {
+                return entry->d_name[0] == '.' ? 0 : 1;
+            };
+            return support::real<call::scandir>(dirname, entries, not_dots, compare);
+        });
+    EXPECT_EQ(listed(), names_t{"file"});
+}
+
 TEST_F(DecodeFilename, TheDirectoryIsListedWithoutAFilter)
 {
     std::string listed_path;

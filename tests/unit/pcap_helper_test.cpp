@@ -683,6 +683,15 @@ TEST_F(PcapHelper, AFrameThatEndsBeforeTheDataOffsetYieldsAnEmptyPayload)
         ElementsAre("", "", "", "", "", "p"));
 }
 
+TEST_F(PcapHelper, AFrameThatEndsWithTheDataOffsetYieldsWhatIsBehindAnEmptyTcpHeader)
+{
+    const exact_frames exact;
+    frame tcp = tcp_frame({.payload = "payload"});
+    tcp.bytes[46] = '\0';
+    EXPECT_THAT(
+        cut({truncated(tcp, 47)}, UNFILTERED_TCP), ElementsAre(tcp.bytes.substr(34, 13)));
+}
+
 TEST_F(PcapHelper, AHeaderLengthThatPointsBehindTheFrameYieldsAnEmptyPayload)
 {
     const exact_frames exact;

@@ -118,13 +118,18 @@ struct recording_trait {
 };
 
 struct failing_trait {
-    static void* malloc(std::size_t) { return nullptr; }
+    static void* malloc(std::size_t size)
+    {
+        asked_.push_back(size);
+        return nullptr;
+    }
     static void free(void* block)
     {
         if (block != nullptr)
             ++freed_;
     }
 
+    inline static std::vector<std::size_t> asked_;
     inline static int freed_ = 0;
 };
 
@@ -457,6 +462,18 @@ TEST(SpscQueue, ACapacityThatNoRingCanHoldIsABadAlloc)
     constexpr std::size_t CAPACITY = std::numeric_limits<std::size_t>::max();
 
     EXPECT_THROW(message_queue{CAPACITY}, std::bad_alloc);
+}
+
+TEST(SpscQueue, NoMoreIsAllocatedThanTheIndicesCanCount)
+{
+    using broken_queue = spsc_queue<data_t, failing_trait>;
+    constexpr std::size_t SLOTS = std::numeric_limits<std::uint32_t>::max();
+
+    failing_trait::asked_.clear();
+    EXPECT_THROW(broken_queue{SLOTS - 1}, std::bad_alloc);
+    EXPECT_EQ(failing_trait::asked_, std::vector{SLOTS * sizeof(data_t)});
+    EXPECT_THROW(broken_queue{SLOTS}, std::bad_alloc);
+    EXPECT_EQ(failing_trait::asked_.size(), 1U);
 }
 
 TEST(SpscQueue, AMoveCarriesTheElementsOverInOrder)
