@@ -25,11 +25,15 @@ if(REPLAY_SANITIZE)
   target_link_options(replay_sanitizers INTERFACE ${sanitizer_flags})
 endif()
 
-# Counters of what runs. Two threads count at once, hence the atomic update.
+# Counters of what runs. Two threads count at once, hence the atomic update. Whatever may be
+# linked with an object that counts has to count as well: of a function that both have the
+# linker takes one.
+add_library(replay_counters INTERFACE)
 add_library(replay_coverage INTERFACE)
+target_link_libraries(replay_coverage INTERFACE replay_counters)
 if(REPLAY_COVERAGE)
-  target_compile_options(replay_coverage INTERFACE --coverage -fprofile-update=atomic)
-  target_link_options(replay_coverage INTERFACE --coverage)
+  target_compile_options(replay_counters INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(replay_counters INTERFACE --coverage)
   target_sources(replay_coverage INTERFACE
     ${PROJECT_SOURCE_DIR}/tests/support/coverage_dump.cpp)
 endif()
