@@ -390,6 +390,16 @@ class Receiver:
         self.socket.close()
 
 
+def probe_when_quiet(connection):
+    """Asks after a second of silence whether the other end is still there.
+
+    A connection that comes about in the very moment in which the listener is closed can be
+    forgotten by the kernel without a reset; whoever only reads would wait for ever.
+    """
+    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_KEEPIDLE, 1)
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1)
+
+
 # -------------------------------------------------------------------- fixtures
 
 

@@ -17,7 +17,15 @@ import threading
 import time
 
 import capture_builder as build
-from conftest import DEADLINE, LOCALHOST, MESSAGE_SIZE, Receiver, pieces, random_bytes
+from conftest import (
+    DEADLINE,
+    LOCALHOST,
+    MESSAGE_SIZE,
+    Receiver,
+    pieces,
+    probe_when_quiet,
+    random_bytes,
+)
 from udp_receiver import UdpReceiver
 
 GROUP = "239.1.1.1"
@@ -168,7 +176,9 @@ class Reader(Nobody):
     def _connect(self):
         while not self._over.is_set():
             try:
-                return Receiver(self.port, rcvbuf=self.rcvbuf)
+                receiver = Receiver(self.port, rcvbuf=self.rcvbuf)
+                probe_when_quiet(receiver.socket)
+                return receiver
             except (ConnectionRefusedError, ConnectionResetError):
                 time.sleep(0.0005)
         return None
