@@ -211,6 +211,15 @@ class Program:
                 found[int(thread.name)] = text.rpartition(")")[2].split()[0]
         return found
 
+    def naps(self):
+        """How often its main thread has gone to sleep."""
+        with open(f"/proc/{self.pid}/status") as status:
+            return sum(
+                int(line.split()[1])
+                for line in status
+                if line.startswith("voluntary_ctxt_switches")
+            )
+
     def is_blocked_in(self, thread, function):
         """Whether this thread waits in the kernel, in a function with this in its name."""
         place = pathlib.Path(f"/proc/{self.pid}/task/{thread}/wchan")

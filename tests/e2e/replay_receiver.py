@@ -140,15 +140,6 @@ class ReplayReceiver(Program):
         names = [self._proc(f"task/{task}/wchan") for task in self._tasks()]
         return any(function in name for name in names)
 
-    def naps(self):
-        """How often it has gone to sleep."""
-        status = self._proc("status")
-        return sum(
-            int(line.split()[1])
-            for line in status.splitlines()
-            if line.startswith("voluntary_ctxt_switches")
-        )
-
     # Waiting.
 
     def wait_until_bound(self, port, group=None):

@@ -8,6 +8,7 @@ added for each of them.
 
 import contextlib
 import dataclasses
+import errno
 import itertools
 import json
 import os
@@ -38,6 +39,7 @@ from conftest import (
     echo,
     pieces,
     random_bytes,
+    uncaught,
 )
 from halting import all_stopped, held
 from stoppable_runs import (
@@ -64,9 +66,9 @@ STOP_SIGNALS = (signal.SIGINT, signal.SIGTERM)
 # Seconds that a stop may take on a machine with processors to spare. A sanitizer
 # looks through all memory at the end.
 PROMPTLY = 10 if SANITIZER else 1
-# Processor time of the main thread, in nanoseconds, that only a run that goes on
-# uses up behind a signal. More than so much between two looks says that the machine stood
-# still for a while, or this test did, before the signal left or behind it.
+# Processor time of the main thread, in nanoseconds, that only a run that goes on uses up
+# behind a signal, and the most of it that one look may add. Where the machine or this test
+# stood still, more lies between two looks, part of it from before the signal.
 GOES_ON = 200_000_000
 MOST_AT_ONCE = 10_000_000
 QUEUE_CAPACITY = 1024
@@ -380,6 +382,7 @@ def test_a_record_of_moments_is_summed_up_by_outcome():
         "| status 0 | 200 | 100, 100, 0 | 0.990 | 1.970 | 1.990 | 0.250 |",
         "| forgotten; status 0 after a second signal | 0 | 0, 0, 0 |  | | | |",
         "| the signal's default death | 1 | 1, 0, 0 | 0.500 | 0.500 | 0.500 | 0.000 |",
+        "| all | 201 | 101, 100, 0 | 0.990 | 1.970 | 1.990 | 0.250 |",
         "",
         "202 moments, 1 without an end",
     ]
@@ -589,6 +592,76 @@ def test_a_stop_waits_for_the_end_of_a_capture_of_which_nothing_passes(
     )
     assert there.is_quiet()
     there.close()
+
+
+# ------------------------------------------------ a pipe in the place of a file
+
+
+def waits_for_a_writer(run):
+    return run.is_blocked_in(run.pid, "wait_for_partner")
+
+
+@contextlib.contextmanager
+def run_with_a_pipe(run_of, path, *words):
+    """A run whose file has become a pipe that nobody writes to, once it waits for that."""
+    run = run_of(path, *words)
+    run.wait_until_replaying()
+    path.unlink()
+    os.mkfifo(path)
+    with contextlib.closing(Receiver(run.port)):
+        run.wait_until(lambda: waits_for_a_writer(run), "the wait for a writer")
+        yield run
+
+
+def interrupt_a_try(run, number):
+    """Until the run is in its next one: it sleeps behind the try, and then in that."""
+    naps = run.naps()
+    run.signal(number)
+    run.wait_until(
+        lambda: run.naps() >= naps + 2 and waits_for_a_writer(run), "the next try"
+    )
+
+
+@pytest.mark.parametrize("number", STOP_SIGNALS)
+def test_a_stop_is_a_failed_try_to_open_a_pipe_that_nobody_writes_to(
+    run_of, data_file, number
+):
+    """Five failed ones end the run."""
+    path = data_file(b"data")
+    with run_with_a_pipe(run_of, path) as run:
+        for _ in range(4):
+            interrupt_a_try(run, number)
+        run.signal(number)
+        run.expect(
+            -signal.SIGABRT,
+            echo(path, f"{LOCALHOST}:{run.port}"),
+            uncaught(f"Failed opening file {path} for reading. errno: {errno.EINTR}"),
+        )
+
+
+@pytest.mark.parametrize("number", STOP_SIGNALS)
+def test_a_stop_in_the_wait_for_a_writer_ends_the_run_once_there_is_one(
+    run_of, data_file, number
+):
+    path = data_file(b"data")
+    with run_with_a_pipe(run_of, path) as run:
+        interrupt_a_try(run, number)
+        path.write_bytes(b"")  # which opens it, closes it, and lets the run go on
+        run.expect(output=echo(path, f"{LOCALHOST}:{run.port}"))
+
+
+@pytest.mark.parametrize("number", STOP_SIGNALS)
+def test_a_stop_in_the_wait_for_a_captures_writer_is_fatal(run_of, data_file, number):
+    path = data_file(build.pcap([build.udp(b"data")]), "a.pcap")
+    with run_with_a_pipe(run_of, path, "--filetype", "1", "--filter", "udp") as run:
+        run.signal(number)
+        run.expect(
+            -signal.SIGABRT,
+            echo(path, f"{LOCALHOST}:{run.port}", filetype=1, filter="udp"),
+            uncaught(
+                f"Open pcap file failed! Error message: {path}: Interrupted system call"
+            ),
+        )
 
 
 # ------------------------------------------------------- a name in a filter

@@ -397,22 +397,26 @@ OUTCOMES = {
 
 
 def summary(moments):
-    """A table of these moments: for each outcome how many there are, by phase, and the
-    seconds from the signal that counted to the end."""
+    """A table of these moments: for each outcome and for all how many there are, by phase,
+    and the seconds from the signal that counted to the end."""
+    ended = [each for each in moments if each["outcome"] in OUTCOMES]
+    rows = {
+        words: [each for each in ended if each["outcome"] == outcome]
+        for outcome, words in OUTCOMES.items()
+    }
     lines = [
         "| outcome | count | start, middle, end | median | 99 % | longest | waiting |",
         "|---|---|---|---|---|---|---|",
     ]
-    for outcome, words in OUTCOMES.items():
-        these = [each for each in moments if each["outcome"] == outcome]
+    for words, these in {**rows, "all": ended}.items():
         phases = ", ".join(str(sum(e["phase"] == phase for e in these)) for phase in PHASES)
         times = sorted(each["seconds"] for each in these)
         figures = [quantile(times, share) for share in (0.5, 0.99, 1)] if these else []
         figures += [max(each["waited"] for each in these)] if these else []
         shown = " | ".join(f"{seconds:.3f}" for seconds in figures) or " | | |"
         lines.append(f"| {words} | {len(these)} | {phases} | {shown} |")
-    others = [each for each in moments if each["outcome"] not in OUTCOMES]
-    return "\n".join([*lines, "", f"{len(moments)} moments, {len(others)} without an end"])
+    without = len(moments) - len(ended)
+    return "\n".join([*lines, "", f"{len(moments)} moments, {without} without an end"])
 
 
 def quantile(ordered, share):
