@@ -1,4 +1,4 @@
-# Warnings, hardening and sanitizers as three interface targets. Every hardening
+# Warnings, hardening, sanitizers and counters as interface targets. Every hardening
 # flag is probed, so that a compiler that lacks one still builds.
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)

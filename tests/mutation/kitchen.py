@@ -33,7 +33,8 @@ LIBRARIES = ("-lgtest_main", "-lgmock", "-lgtest", "-lpcap", "-ldl")
 PASSED, FAILED, TIMED_OUT, BROKEN = "passed", "failed", "timed out", "broken"
 SKIPPED = 77  # how the end-to-end tests say that some were skipped and none failed
 
-# A mutant may fill memory or disk without end.
+# A mutant may fill memory or disk without end. The longest file of a test is a sparse one
+# of signals_test.py, which has just as many bytes.
 MOST_MEMORY = 8 << 30
 MOST_BYTES_IN_A_FILE = 16 << 30
 
